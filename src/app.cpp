@@ -1,0 +1,144 @@
+/// Life cycle of the application, and its tick.
+#include "app.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "i18n.h"
+#include "settings.h"
+#include "signal_gate.h"
+
+namespace {
+
+constexpr guint TICK_MS = 1000;
+constexpr int FIRST_START_COLUMNS = 1;
+
+App* g_app_instance = nullptr;  // how the signal handler finds the application; never reset
+
+/// SIGINT and SIGTERM: ends the main loop. Runs in signal context, at the instants that SignalGate allows. Before the main loop runs
+/// GTK refuses, and the program carries on into it.
+void signal_handler(int)
+{
+    gtk_main_quit();
+}
+
+/// Load of the CPU at that position, or 0.0 if there is none: CPUs can go away while their cards stay.
+double usage_at(const std::vector<CoreStats>& cores, std::int32_t cpu_index)
+{
+    const auto position = static_cast<std::size_t>(cpu_index);
+    return position < cores.size() ? cores[position].usage : 0.0;
+}
+
+}  // namespace
+
+App::App() : m_cpu_reader(std::make_unique<CPUReader>()), m_sys_metrics(std::make_unique<SystemMetrics>()) {}
+
+App::~App()
+{
+    if (m_cpu_reader) {
+        m_cpu_reader->stop();
+    }
+    if (m_sys_metrics) {
+        m_sys_metrics->stop();
+    }
+    for (ClusterUI& ui : m_clusters_ui) {
+        g_clear_object(&ui.section_hdr);
+        for (CoreWidgets& widgets : ui.cores) {
+            g_clear_object(&widgets.card);
+        }
+    }
+    g_clear_object(&m_css);
+}
+
+int App::run(int argc, char** argv)
+{
+    g_app_instance = this;
+    std::signal(SIGINT, signal_handler);
+    std::signal(SIGTERM, signal_handler);
+    SignalGate::close();
+    gtk_init(&argc, &argv);
+    SettingsStore::instance().load();
+    I18n::instance().set_language(SettingsStore::instance().get().language);
+    gtk_widget_set_default_direction(I18n::instance().is_rtl() ? GTK_TEXT_DIR_RTL : GTK_TEXT_DIR_LTR);
+    m_horizontal = SettingsStore::instance().get().is_horizontal();
+    m_clusters = CpuTopology::detect(m_sys_metrics->get_core_count());
+    m_num_columns = FIRST_START_COLUMNS;
+    create_window();
+    gtk_widget_show_all(m_window);
+    m_cpu_reader->start();
+    m_sys_metrics->start();
+    g_timeout_add(TICK_MS, on_update, this);
+    SignalGate::open_for_main_loop();
+    gtk_main();
+    return 0;
+}
+
+gboolean App::on_update(gpointer data)
+{
+    static_cast<App*>(data)->update();
+    return G_SOURCE_CONTINUE;  // the tick lives as long as the main loop
+}
+
+void App::update()
+{
+    fill_cache();
+    update_right_info_label();
+    gtk_widget_queue_draw(m_total_chart);
+    for (const ClusterUI& ui : m_clusters_ui) {
+        for (const CoreWidgets& widgets : ui.cores) {
+            update_card(widgets);
+        }
+    }
+}
+
+void App::fill_cache()
+{
+    m_cache.cores = m_cpu_reader->get_cores();
+    m_cache.total = m_cpu_reader->get_total();
+    m_cache.total_history = m_cpu_reader->get_total_history();
+    m_cache.frequencies = m_sys_metrics->get_frequencies();
+    m_cache.max_frequencies = m_sys_metrics->get_max_frequencies();
+    m_cache.mem_used_gb = m_sys_metrics->get_memory_used_gb();
+    m_cache.mem_total_gb = m_sys_metrics->get_memory_total_gb();
+}
+
+void App::update_right_info_label()
+{
+    std::string text;
+    const double temperature = m_sys_metrics->get_temperature();
+    if (temperature >= 0) {
+        char markup[96];
+        const std::string color = with_hash(SettingsStore::instance().get().text(m_dark));
+        std::snprintf(markup, sizeof markup, "<span color='%s'>CPU %.0f°C</span>", color.c_str(), temperature);
+        text = markup;
+    }
+    const double power = m_sys_metrics->get_power();
+    if (power >= 0) {
+        char watts[32];
+        std::snprintf(watts, sizeof watts, "  %.1fW", power);
+        text += watts;
+    }
+    set_markup(m_right_info_label, text.c_str());
+}
+
+void App::update_card(const CoreWidgets& widgets)
+{
+    const double usage = usage_at(m_cache.cores, widgets.cpu_index);
+    double r = 0.0;
+    double g = 0.0;
+    double b = 0.0;
+    usage_color(usage, m_dark, r, g, b);
+    char markup[64];
+    std::snprintf(markup, sizeof markup, "<span color='#%02x%02x%02x'>%.0f%%</span>", label_byte(r), label_byte(g), label_byte(b),
+                  usage * 100);
+    set_markup(widgets.pct_label, markup);
+    gtk_widget_queue_draw(widgets.chart);
+}
+
+void App::set_markup(GtkWidget* label, const char* markup)
+{
+    if (std::strcmp(gtk_label_get_label(GTK_LABEL(label)), markup) != 0) {
+        gtk_label_set_markup(GTK_LABEL(label), markup);
+    }
+}

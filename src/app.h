@@ -1,0 +1,187 @@
+/// The application: window, latest readings, and all that the user sees.
+#pragma once
+
+#include <gtk/gtk.h>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cpu_reader.h"
+#include "cpu_topology.h"
+#include "system_metrics.h"
+#include "theme.h"
+
+/// What a chart shows; attached to its drawing area as object data "meta" and freed with it.
+struct ChartMeta {
+    std::int32_t cpu_index = -1;    ///< position in App::Cache::cores, or -1 for the total chart
+    std::int32_t color_index = -1;  ///< group colour 0 to 3, or -1 for the total colour
+};
+
+/// The one application object; main thread only.
+///   app.cpp         life cycle, tick         app_cards.cpp   cards, section headers, total panel
+///   app_window.cpp  window and monitor       app_layout.cpp  the tree, placement, sizes, card titles
+///   app_charts.cpp  painting
+class App {
+public:
+    // --- app.cpp: life cycle and tick ---
+
+    /// Creates both sampling objects; what SystemMetrics finds out at construction is ready for run(). Starts no thread.
+    App();
+    /// Ends both sampling threads, which takes up to about a second. Leaves the window to the end of the process.
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    /// Start-up, main loop; returns the exit status, always 0. Without a display GTK ends the process.
+    int run(int argc, char** argv);
+
+    GtkWidget* window() const { return m_window; }
+    int num_columns() const { return m_num_columns; }
+    bool is_horizontal() const { return m_horizontal; }
+
+private:
+    static constexpr int COLUMN_WIDTH = 58;  ///< pixels of the default width for each column of cards
+    static constexpr double MHZ_PER_GHZ = 1000.0;
+
+    /// Latest copy of all measured values. Only the tick writes it, so painters and label updates never take a sampler's lock.
+    struct Cache {
+        std::vector<CoreStats> cores;
+        double total = 0.0;                ///< 0.0 to 1.0
+        std::deque<double> total_history;  ///< oldest first
+        std::vector<double> frequencies;   ///< MHz, by CPU number; may be short
+        std::vector<double> max_frequencies;
+        double mem_used_gb = -1.0;  ///< GiB; -1.0 until measured
+        double mem_total_gb = -1.0;
+    };
+
+    /// One card. The widgets are borrowed but for the card.
+    struct CoreWidgets {
+        GtkWidget* card = nullptr;  ///< a reference of our own: cards are moved between containers
+        GtkWidget* chart = nullptr;
+        GtkWidget* name_label = nullptr;
+        GtkWidget* pct_label = nullptr;
+        std::int32_t cpu_index = 0;
+        bool short_label = false;  ///< the title is the bare number
+    };
+
+    /// One section, at the position of its CpuCluster.
+    struct ClusterUI {
+        GtkWidget* section_hdr = nullptr;  ///< a reference of our own, as with cards
+        GtkWidget* name_label = nullptr;
+        std::int32_t grid_row = 0;       ///< row of the first cards
+        std::vector<CoreWidgets> cores;  ///< in the order of cpu_indices
+    };
+
+    static gboolean on_update(gpointer data);
+    /// One tick: fresh readings into the cache, the labels, and a redraw of every chart.
+    void update();
+    void fill_cache();
+    void update_right_info_label();
+    void update_card(const CoreWidgets& widgets);
+    /// Sets a label's markup unless it stands there already: for each label that is set GTK measures the window anew.
+    static void set_markup(GtkWidget* label, const char* markup);
+    /// The byte of a colour channel from 0.0 to 1.0 as labels show it: cut towards zero.
+    static unsigned label_byte(double channel) { return static_cast<unsigned>(channel * 255); }
+
+    // --- app_window.cpp: the window and its monitor ---
+
+    void create_window();
+    void place_window(int width, int height);
+    void limit_window_size();
+    /// False without a display.
+    static bool running_on_wayland();
+    /// The primary monitor, else the one on which `widget` stands, else the first; null if there is none. Both may be null.
+    static GdkMonitor* usable_monitor(GdkDisplay* display, GtkWidget* widget);
+    /// Default width in vertical orientation, in pixels.
+    static int calc_window_w(int cols);
+
+    // --- app_charts.cpp: painting; reads m_cache and takes no lock ---
+
+    static gboolean draw_chart(GtkWidget* w, cairo_t* cr, gpointer data);
+    static gboolean draw_color_bar(GtkWidget* w, cairo_t* cr, gpointer data);
+    /// Paints a chart of `w` by `h` pixels. `history` holds loads from 0.0 to 1.0, oldest first, at most 60; `ghost` the forms of the
+    /// text behind the curve, longest first; `pct_overlay` the load shown in the corner, or a negative number for none.
+    static void paint_chart(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent, const Palette& pal,
+                            const std::vector<std::string>& ghost, double pct_overlay);
+    /// Paints the longest candidate that can be read at that size, if any.
+    static void draw_ghost(cairo_t* cr, int w, int h, const std::vector<std::string>& candidates, const Palette& pal);
+    static void draw_ghost_text(cairo_t* cr, int w, int h, const std::string& text, double size, const Palette& pal);
+    /// Forms of a clock frequency for draw_ghost, longest first; none if `mhz` is not positive.
+    static std::vector<std::string> freq_texts(double mhz);
+    /// The colour for a load from 0.0 to 1.0; each result is 0.0 to 1.0.
+    static void usage_color(double usage, bool dark, double& r, double& g, double& b);
+    /// The configured colour of group 0 to 3, or that of the total for any other index; the built-in one if the text is no colour.
+    static Rgb group_color(int index);
+    Palette palette() const { return Palette::for_theme(m_dark); }
+    double total_frequency() const;
+
+    // --- app_cards.cpp: the widget groups ---
+
+    GtkWidget* create_core_card(int cpu_index, int color_index);
+    GtkWidget* create_section_header(const CpuCluster& cluster);
+    /// The rated clock of a section, such as "3.600 GHz" or "800 MHz".
+    static std::string frequency_caption(double mhz);
+    /// `extra` goes on top of the panel; may be null. Sets m_right_info_label, m_throttle_label and m_total_chart.
+    GtkWidget* create_total_panel(GtkWidget* extra);
+    GtkWidget* create_status_row();
+    GtkWidget* create_chart(const ChartMeta& meta, int min_height);
+
+    // --- app_layout.cpp: the tree under the window ---
+
+    void build_layout();
+    GtkWidget* create_header_block();
+    GtkWidget* create_core_grid() const;
+    void create_sections();
+    /// Places headers and cards in m_core_grid, `columns` to a row.
+    void populate_core_grid(int columns);
+    void empty_core_grid();
+    void place_in_grid(int cols);
+    void place_in_single_row();
+    void place_in_row_boxes(int columns);
+    /// Gives each card the long or the short title, by what fits at that width of the window.
+    void fit_core_labels(int window_w);
+    void fit_core_label(CoreWidgets& widgets, int card_width);
+    /// Width that is left for cards, in pixels.
+    int cards_width(int window_w) const;
+    static void on_win_size_alloc(GtkWidget* widget, GtkAllocation* allocation, gpointer data);
+    /// Default size of the window in horizontal orientation, in pixels.
+    void default_horizontal_size(int& w, int& h) const;
+    static int default_horizontal_columns() { return 1; }
+    bool single_core_row() const { return m_horizontal && m_num_columns == 1; }
+    int card_count() const;
+    /// Width of a text in the widget's font, in pixels.
+    static int text_width(GtkWidget* widget, const std::string& text);
+    /// Charts take what height the cards leave them, so there is nothing to adapt.
+    void adapt_chart_heights(int) {}
+
+    GtkWidget* m_window = nullptr;
+    GtkWidget* m_cpu_label = nullptr;
+    GtkWidget* m_info_label = nullptr;
+    GtkWidget* m_right_info_label = nullptr;  ///< temperature and power
+    GtkWidget* m_total_chart = nullptr;
+    GtkWidget* m_total_panel = nullptr;
+    GtkWidget* m_throttle_label = nullptr;
+    GtkWidget* m_core_grid = nullptr;  ///< a GtkGrid, or a vertical GtkBox of rows
+    GtkWidget* m_settings_popover = nullptr;
+    GtkWidget* m_settings_box = nullptr;
+    GtkWidget* m_colors_expander = nullptr;
+    GtkWidget* m_col_label = nullptr;
+    GtkCssProvider* m_css = nullptr;  ///< owned
+    std::vector<ClusterUI> m_clusters_ui;
+    Cache m_cache;
+    std::unique_ptr<CPUReader> m_cpu_reader;
+    std::unique_ptr<SystemMetrics> m_sys_metrics;
+    std::vector<CpuCluster> m_clusters;
+    std::int32_t m_num_columns = 4;  ///< replaced by run()
+    bool m_horizontal = false;       ///< replaced by run()
+    bool m_freeze_geometry_save = false;
+    std::int32_t m_pending_move_x = 0;
+    std::int32_t m_pending_move_y = 0;
+    std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation
+    std::int32_t m_last_window_w = 0;
+    bool m_dark = false;  ///< the resolved theme
+    guint m_portal_sub = 0;
+};

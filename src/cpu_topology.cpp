@@ -1,0 +1,140 @@
+#include "cpu_topology.h"
+
+#include <algorithm>
+#include <functional>
+#include <numeric>
+
+#include "i18n.h"
+#include "kernel_file.h"
+
+namespace {
+
+constexpr double KHZ_PER_MHZ = 1000.0;
+constexpr int GROUP_COLORS = 4;
+constexpr int TOLERANCE_DIVISOR = 5;  // 20 %: boost clocks of like cores differ by less, core types by more
+
+/// Rated maximum clock of a CPU in kHz; 0 if unknown.
+std::uint64_t read_max_freq_khz(int cpu)
+{
+    return read_number<std::uint64_t>(cpu_file(cpu, "cpufreq/cpuinfo_max_freq")).value_or(0);
+}
+
+/// |f - level| < level / 5 in signed arithmetic. The tolerance is the level's, so the test is not symmetric.
+bool is_near_level(std::uint64_t f, std::uint64_t level)
+{
+    const auto difference = static_cast<std::int64_t>(f - level);
+    const auto distance =
+        difference < 0 ? std::uint64_t{0} - static_cast<std::uint64_t>(difference) : static_cast<std::uint64_t>(difference);
+    const std::int64_t tolerance = static_cast<std::int64_t>(level) / TOLERANCE_DIVISOR;
+    return tolerance > 0 && distance < static_cast<std::uint64_t>(tolerance);
+}
+
+std::vector<std::uint64_t> read_all_max_freqs(int cpu_count)
+{
+    std::vector<std::uint64_t> khz;
+    khz.reserve(static_cast<std::size_t>(cpu_count));
+    for (int cpu = 0; cpu < cpu_count; ++cpu) {
+        khz.push_back(read_max_freq_khz(cpu));
+    }
+    return khz;
+}
+
+/// The distinct clocks, highest first. The first CPU of a group sets its level, so the result depends on the CPUs' order.
+std::vector<std::uint64_t> find_levels(const std::vector<std::uint64_t>& khz)
+{
+    std::vector<std::uint64_t> levels;
+    for (const std::uint64_t f : khz) {
+        const bool known = std::any_of(levels.begin(), levels.end(), [f](std::uint64_t level) { return is_near_level(f, level); });
+        if (f != 0 && !known) {
+            levels.push_back(f);
+        }
+    }
+    std::sort(levels.begin(), levels.end(), std::greater<>());
+    return levels;
+}
+
+/// Everything in one group, which needs no name of its own.
+CpuCluster single_cluster(const std::vector<std::uint64_t>& khz)
+{
+    CpuCluster cluster;
+    cluster.name_key = "CPU";
+    cluster.cpu_indices.resize(khz.size());
+    std::iota(cluster.cpu_indices.begin(), cluster.cpu_indices.end(), 0);
+    cluster.max_freq_mhz = static_cast<double>(*std::max_element(khz.begin(), khz.end())) / KHZ_PER_MHZ;
+    return cluster;
+}
+
+void name_by_level(CpuCluster& cluster, std::size_t position, std::size_t level_count)
+{
+    static const std::vector<const char*> NAMES_OF_TWO = {"Performance", "Efficiency"};
+    static const std::vector<const char*> NAMES_OF_THREE = {"Performance", "Balanced", "Efficiency"};
+    static const std::vector<const char*> NAMES_OF_FOUR = {"Performance", "Balanced-H", "Balanced-L", "Efficiency"};
+    for (const auto* names : {&NAMES_OF_TWO, &NAMES_OF_THREE, &NAMES_OF_FOUR}) {
+        if (names->size() == level_count) {
+            cluster.name_key = (*names)[position];
+            return;
+        }
+    }
+    cluster.name_key = "Cluster %d";
+    cluster.name_index = static_cast<std::int32_t>(position) + 1;
+}
+
+std::vector<CpuCluster> clusters_of_levels(const std::vector<std::uint64_t>& levels)
+{
+    std::vector<CpuCluster> clusters(levels.size());
+    for (std::size_t i = 0; i < levels.size(); ++i) {
+        name_by_level(clusters[i], i, levels.size());
+        clusters[i].color_index = static_cast<std::int32_t>(i % GROUP_COLORS);
+        clusters[i].max_freq_mhz = static_cast<double>(levels[i]) / KHZ_PER_MHZ;
+    }
+    return clusters;
+}
+
+/// Puts each CPU into the first level that it is near to. One without a clock joins the slowest, so that it stays visible; one that is
+/// near to none (below 5 kHz the tolerance is nil) is left out.
+void assign_cpus(std::vector<CpuCluster>& clusters, const std::vector<std::uint64_t>& levels, const std::vector<std::uint64_t>& khz)
+{
+    for (std::size_t cpu = 0; cpu < khz.size(); ++cpu) {
+        auto level = std::find_if(levels.begin(), levels.end(), [&](std::uint64_t l) { return is_near_level(khz[cpu], l); });
+        if (khz[cpu] == 0) {
+            level = std::prev(levels.end());
+        }
+        if (level != levels.end()) {
+            clusters[static_cast<std::size_t>(level - levels.begin())].cpu_indices.push_back(static_cast<std::int32_t>(cpu));
+        }
+    }
+}
+
+/// Groups by rated maximum clock; everything in one group if that tells no difference. Never empty for a positive count.
+std::vector<CpuCluster> detect_by_frequency(int cpu_count)
+{
+    const std::vector<std::uint64_t> khz = read_all_max_freqs(cpu_count);
+    const std::vector<std::uint64_t> levels = find_levels(khz);
+    if (levels.size() <= 1) {
+        return {single_cluster(khz)};
+    }
+    std::vector<CpuCluster> clusters = clusters_of_levels(levels);
+    assign_cpus(clusters, levels, khz);
+    // A level can end up empty, as levels are found in CPU order and filled from the highest down. The others keep name and colour.
+    std::erase_if(clusters, [](const CpuCluster& cluster) { return cluster.cpu_indices.empty(); });
+    if (clusters.empty()) {
+        return {single_cluster(khz)};
+    }
+    return clusters;
+}
+
+}  // namespace
+
+std::string CpuCluster::display_name() const
+{
+    const I18n& i18n = I18n::instance();
+    return name_index < 0 ? i18n.tr(name_key.c_str()) : i18n.trf(name_key.c_str(), name_index);
+}
+
+std::vector<CpuCluster> CpuTopology::detect(int cpu_count)
+{
+    if (cpu_count <= 0) {
+        return {};
+    }
+    return detect_by_frequency(cpu_count);
+}

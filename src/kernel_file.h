@@ -1,0 +1,34 @@
+/// Reading the small text files of /proc and /sys. Each call opens the file, reads one value and closes it. Any thread.
+#pragma once
+
+#include <fstream>
+#include <optional>
+#include <string>
+
+/// The number that a kernel file begins with; empty if it can't be opened or read, holds none, or one too large for T.
+/// A stream reads it, and streams keep the "C" locale, so a locale with decimal commas changes nothing.
+template <typename T>
+std::optional<T> read_number(const std::string& path)
+{
+    std::ifstream in(path);
+    T value{};
+    return in >> value ? std::optional<T>(value) : std::nullopt;
+}
+
+/// The first line of a kernel file without its line feed; empty if it can't be opened or read.
+inline std::string read_first_line(const std::string& path)
+{
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+/// The folder with an entry for each logical CPU: docs.kernel.org/admin-guide/cputopology.html
+inline constexpr const char* CPU_DIRECTORY = "/sys/devices/system/cpu";
+
+/// A file of logical CPU number `cpu` below CPU_DIRECTORY, such as "cpufreq/cpuinfo_max_freq".
+inline std::string cpu_file(int cpu, const char* name)
+{
+    return std::string(CPU_DIRECTORY) + "/cpu" + std::to_string(cpu) + "/" + name;
+}

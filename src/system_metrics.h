@@ -1,0 +1,74 @@
+/// What the monitor knows about the machine apart from the loads: the CPU's identity, and the readings of its sensors.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// Reads the unchanging facts at construction, then samples on a thread of its own about every two seconds. The getters may be called
+/// from any thread and return copies of the latest snapshot; they touch no file. A measurement that is not available is -1.0 or an
+/// empty vector: no last good value is kept.
+class SystemMetrics {
+public:
+    /// Reads the facts, on the calling thread.
+    SystemMetrics();
+    ~SystemMetrics();
+    SystemMetrics(const SystemMetrics&) = delete;
+    SystemMetrics& operator=(const SystemMetrics&) = delete;
+
+    /// Starts the sampling thread, whose first pass begins at once. Not while one runs: that ends the process.
+    void start();
+
+    /// Ends and joins the sampling thread, if there is one; takes no longer than the rest of a running pass.
+    void stop();
+
+    /// Degrees Celsius, or -1.0.
+    double get_temperature() const;
+    /// Package power in watts, or -1.0.
+    double get_power() const;
+    /// Current clock of each logical CPU in MHz, by CPU number. May be shorter than get_core_count(), and is empty before the first pass.
+    std::vector<double> get_frequencies() const;
+    /// Shortened model name; "Unknown CPU" where the kernel gives none. Source: /proc/cpuinfo.
+    std::string get_cpu_name() const;
+    /// Number of logical CPUs, or 0. Source: the entries of /sys/devices/system/cpu.
+    int get_core_count() const;
+    /// Number of physical cores, or 0. Source: topology/ of each entry there. Fixed at construction, so read without the lock.
+    int get_physical_core_count() const { return m_physical_core_count; }
+    /// GiB (1024 cubed bytes), or -1.0.
+    double get_memory_used_gb() const;
+    double get_memory_total_gb() const;
+    /// Highest clock of each logical CPU in MHz, by CPU number; 0.0 where it is unknown.
+    std::vector<double> get_max_frequencies() const;
+    bool is_thermal_throttling() const;
+    /// Degrees Celsius; positive once the sensors have been looked for, -1.0 before.
+    double get_temp_limit() const;
+
+private:
+    void update_loop();
+    void wait_for_next_pass() const;
+
+    std::string read_cpu_name();
+    int read_core_count();
+    int read_physical_core_count();
+
+    std::thread m_thread;
+    std::atomic<bool> m_running{false};
+    mutable std::mutex m_mutex;  ///< never held across file access
+
+    // What each pass publishes is marked "snapshot"; the rest is settled by the constructor.
+    double m_temperature = -1.0;        ///< snapshot
+    double m_power = -1.0;              ///< snapshot
+    std::vector<double> m_frequencies;  ///< snapshot
+    std::vector<double> m_max_frequencies;
+    double m_mem_used_gb = -1.0;   ///< snapshot
+    double m_mem_total_gb = -1.0;  ///< snapshot
+    std::string m_cpu_name;
+    std::int32_t m_core_count = 0;
+    std::int32_t m_physical_core_count = 0;
+    bool m_thermal_throttling = false;  ///< snapshot
+    double m_temp_limit = -1.0;
+    int m_wake_fd = -1;  ///< eventfd by which stop() ends the pause between two passes
+};
