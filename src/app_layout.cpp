@@ -38,6 +38,18 @@ void detach(GtkWidget* widget)
     }
 }
 
+/// Allocates the window's content once more, from within its own allocation. Labels that got another text there have asked for a new
+/// allocation, but GTK forgets such a request when the window's allocation ends, and then never hears of those labels again.
+void allocate_content_again(GtkWidget* window)
+{
+    if (GtkWidget* content = gtk_bin_get_child(GTK_BIN(window))) {
+        GtkAllocation area;
+        int baseline = 0;
+        gtk_widget_get_allocated_size(content, &area, &baseline);
+        gtk_widget_size_allocate_with_baseline(content, &area, baseline);
+    }
+}
+
 GtkWidget* create_row_box()
 {
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, CARD_GAP);
@@ -220,6 +232,7 @@ void App::on_win_size_alloc(GtkWidget*, GtkAllocation* allocation, gpointer data
     if (allocation->width != app.m_last_window_w) {
         app.m_last_window_w = allocation->width;
         app.fit_core_labels(allocation->width);
+        allocate_content_again(app.m_window);
     }
     if (allocation->height != app.m_last_window_h) {
         app.m_last_window_h = allocation->height;
