@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <numeric>
+#include <utility>
 
 #include "i18n.h"
 #include "kernel_file.h"
@@ -16,7 +18,7 @@ constexpr int TOLERANCE_DIVISOR = 5;  // 20 %: boost clocks of like cores differ
 /// Rated maximum clock of a CPU in kHz; 0 if unknown.
 std::uint64_t read_max_freq_khz(int cpu)
 {
-    return read_number<std::uint64_t>(cpu_file(cpu, "cpufreq/cpuinfo_max_freq")).value_or(0);
+    return read_number<std::uint64_t>(CpuFile("cpufreq/cpuinfo_max_freq").of(cpu)).value_or(0);
 }
 
 /// |f - level| < level / 5 in signed arithmetic. The tolerance is the level's, so the test is not symmetric.
@@ -64,6 +66,12 @@ CpuCluster single_cluster(const std::vector<std::uint64_t>& khz)
     return cluster;
 }
 
+void name_by_number(CpuCluster& cluster, std::size_t position)
+{
+    cluster.name_key = "Cluster %d";
+    cluster.name_index = static_cast<std::int32_t>(position) + 1;
+}
+
 void name_by_level(CpuCluster& cluster, std::size_t position, std::size_t level_count)
 {
     static const std::vector<const char*> NAMES_OF_TWO = {"Performance", "Efficiency"};
@@ -75,8 +83,17 @@ void name_by_level(CpuCluster& cluster, std::size_t position, std::size_t level_
             return;
         }
     }
-    cluster.name_key = "Cluster %d";
-    cluster.name_index = static_cast<std::int32_t>(position) + 1;
+    name_by_number(cluster, position);
+}
+
+/// Three and more core types get numbers, where as many levels would have names.
+void name_core_type(CpuCluster& cluster, std::size_t position, std::size_t type_count)
+{
+    if (type_count == 2) {
+        name_by_level(cluster, position, type_count);
+    } else {
+        name_by_number(cluster, position);
+    }
 }
 
 std::vector<CpuCluster> clusters_of_levels(const std::vector<std::uint64_t>& levels)
@@ -123,6 +140,62 @@ std::vector<CpuCluster> detect_by_frequency(int cpu_count)
     return clusters;
 }
 
+/// The kernel's word for the CPU's core type; empty if unknown. Source: cpu_type of drivers that tell core types apart.
+std::string read_cpu_type(int cpu)
+{
+    std::string type = read_first_line("/sys/bus/cpu/devices/cpu" + std::to_string(cpu) + "/cpu_type");
+    type.erase(type.find_last_not_of("\n\r ") + 1);
+    return type;
+}
+
+/// The CPUs of each core type; empty if any CPU has none.
+std::map<std::string, std::vector<std::int32_t>> group_by_cpu_type(int cpu_count)
+{
+    std::map<std::string, std::vector<std::int32_t>> groups;
+    for (int cpu = 0; cpu < cpu_count; ++cpu) {
+        const std::string type = read_cpu_type(cpu);
+        if (type.empty()) {
+            return {};
+        }
+        groups[type].push_back(cpu);
+    }
+    return groups;
+}
+
+/// A cluster of these CPUs, as yet without name and colour.
+CpuCluster cluster_of(std::vector<std::int32_t> cpus)
+{
+    std::uint64_t highest_khz = 0;
+    for (const std::int32_t cpu : cpus) {
+        highest_khz = std::max(highest_khz, read_max_freq_khz(cpu));
+    }
+    CpuCluster cluster;
+    cluster.cpu_indices = std::move(cpus);
+    cluster.max_freq_mhz = static_cast<double>(highest_khz) / KHZ_PER_MHZ;
+    return cluster;
+}
+
+/// Groups by the core types that the kernel names, fastest first; empty unless it names one for each CPU and at least two in all.
+/// What a type is called plays no part: the faster one is the performance core.
+std::vector<CpuCluster> detect_intel_hybrid(int cpu_count)
+{
+    auto groups = group_by_cpu_type(cpu_count);
+    if (groups.size() < 2) {
+        return {};
+    }
+    std::vector<CpuCluster> clusters;
+    for (auto& [type, cpus] : groups) {
+        clusters.push_back(cluster_of(std::move(cpus)));
+    }
+    std::stable_sort(clusters.begin(), clusters.end(),
+                     [](const CpuCluster& a, const CpuCluster& b) { return a.max_freq_mhz > b.max_freq_mhz; });
+    for (std::size_t i = 0; i < clusters.size(); ++i) {
+        name_core_type(clusters[i], i, clusters.size());
+        clusters[i].color_index = static_cast<std::int32_t>(i % GROUP_COLORS);
+    }
+    return clusters;
+}
+
 }  // namespace
 
 std::string CpuCluster::display_name() const
@@ -136,5 +209,6 @@ std::vector<CpuCluster> CpuTopology::detect(int cpu_count)
     if (cpu_count <= 0) {
         return {};
     }
-    return detect_by_frequency(cpu_count);
+    std::vector<CpuCluster> clusters = detect_intel_hybrid(cpu_count);
+    return clusters.empty() ? detect_by_frequency(cpu_count) : clusters;
 }

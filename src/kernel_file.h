@@ -27,8 +27,20 @@ inline std::string read_first_line(const std::string& path)
 /// The folder with an entry for each logical CPU: docs.kernel.org/admin-guide/cputopology.html
 inline constexpr const char* CPU_DIRECTORY = "/sys/devices/system/cpu";
 
-/// A file of logical CPU number `cpu` below CPU_DIRECTORY, such as "cpufreq/cpuinfo_max_freq".
-inline std::string cpu_file(int cpu, const char* name)
-{
-    return std::string(CPU_DIRECTORY) + "/cpu" + std::to_string(cpu) + "/" + name;
-}
+/// A file that every logical CPU has below CPU_DIRECTORY, such as "cpufreq/cpuinfo_max_freq". One text serves all CPUs in turn, as a
+/// pass over a large machine asks for hundreds.
+class CpuFile {
+public:
+    explicit CpuFile(const char* name) : m_name(name) {}
+
+    /// The path for that CPU number, valid until the next call.
+    const std::string& of(int cpu)
+    {
+        m_path.assign(CPU_DIRECTORY).append("/cpu").append(std::to_string(cpu)).append("/").append(m_name);
+        return m_path;
+    }
+
+private:
+    const char* m_name;
+    std::string m_path;
+};

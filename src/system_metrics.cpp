@@ -4,9 +4,12 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <utility>
 
 #include "kernel_file.h"
@@ -17,6 +20,26 @@ namespace {
 
 constexpr int PAUSE_MS = 2000;  // between two passes
 constexpr const char* CPUINFO_FILE = "/proc/cpuinfo";
+constexpr const char* MEMINFO_FILE = "/proc/meminfo";
+constexpr const char* THERMAL_DIRECTORY = "/sys/class/thermal";  // docs.kernel.org/driver-api/thermal/sysfs-api.html
+constexpr const char* HWMON_DIRECTORY = "/sys/class/hwmon";      // docs.kernel.org/hwmon/sysfs-interface.html
+constexpr const char* ENERGY_FILE =
+    "/sys/class/powercap/intel-rapl/intel-rapl:0/energy_uj";      // docs.kernel.org/power/powercap/powercap.html
+constexpr const char* CURRENT_FREQ = "cpufreq/scaling_cur_freq";  // docs.kernel.org/admin-guide/pm/cpufreq.html
+constexpr const char* MAX_FREQ = "cpufreq/cpuinfo_max_freq";
+constexpr const char* THROTTLE_COUNT = "thermal_throttle/core_throttle_count";
+
+constexpr double NO_READING = -1.0;
+constexpr double MILLIDEGREES_PER_DEGREE = 1000.0;
+constexpr double MICROJOULES_PER_JOULE = 1000000.0;
+constexpr double KHZ_PER_MHZ = 1000.0;
+constexpr double KB_PER_GIB = 1024.0 * 1024.0;
+
+constexpr double LOWEST_LIMIT = 40.0;    // a limit must be above this to be believed
+constexpr double HIGHEST_LIMIT = 130.0;  // and below this
+constexpr double DEFAULT_LIMIT = 95.0;
+constexpr double LIMIT_MARGIN = 3.0;  // degrees below the limit from which the CPU counts as throttled
+constexpr int TRIP_POINTS = 16;       // looked at in each thermal zone
 
 /// Maker's prefixes of a model name, tried in this order. Of each only the head of four characters is kept.
 constexpr const char* NAME_PREFIXES[] = {"Intel(R) Core(TM) ", "Intel(R) Xeon(R) ", "Intel(R) ", "AMD Ryzen ", "AMD EPYC "};
@@ -53,6 +76,168 @@ void for_each_cpu_entry(Visitor visit)
     }
 }
 
+bool is_cpu_zone_type(const std::string& type)
+{
+    return type == "x86_pkg_temp" || type == "cpu-thermal" || type == "cpu_thermal" || type.find("cpu") != std::string::npos;
+}
+
+bool is_cpu_chip(const std::string& name)
+{
+    return name == "coretemp" || name == "k10temp" || name == "cpu_thermal" || name == "acpitz";
+}
+
+/// The temperature file of the first thermal zone that is about the CPU; empty if there is none.
+std::string find_thermal_zone()
+{
+    try {
+        for (const auto& zone : fs::directory_iterator(THERMAL_DIRECTORY)) {
+            const fs::path type_path = zone.path() / "type";
+            const fs::path temp_path = zone.path() / "temp";
+            if (fs::exists(type_path) && fs::exists(temp_path) && is_cpu_zone_type(read_first_line(type_path))) {
+                return temp_path;
+            }
+        }
+    } catch (...) {
+        // no thermal zones: usual in virtual machines and containers; the hwmon chips are next
+    }
+    return {};
+}
+
+/// A chip's temperature input: the first one by number, else the first that the directory lists; empty if there is none.
+std::string find_chip_input(const fs::path& chip)
+{
+    const fs::path first = chip / "temp1_input";
+    if (fs::exists(first)) {
+        return first;
+    }
+    try {
+        for (const auto& entry : fs::directory_iterator(chip)) {
+            const std::string name = entry.path().filename();
+            if (name.starts_with("temp") && name.find("_input") != std::string::npos) {
+                return entry.path();
+            }
+        }
+    } catch (...) {
+        // this chip can't be listed; another one may do
+    }
+    return {};
+}
+
+/// The temperature file of the first hwmon chip that measures the CPU and has an input; empty if there is none.
+std::string find_hwmon_input()
+{
+    try {
+        for (const auto& hwmon : fs::directory_iterator(HWMON_DIRECTORY)) {
+            const fs::path name_path = hwmon.path() / "name";
+            if (!fs::exists(name_path) || !is_cpu_chip(read_first_line(name_path))) {
+                continue;
+            }
+            std::string input = find_chip_input(hwmon.path());
+            if (!input.empty()) {
+                return input;
+            }
+        }
+    } catch (...) {
+        // no hwmon chips: the machine has no temperature to show
+    }
+    return {};
+}
+
+/// The limit in degrees that a file holds; empty if it holds none that can be believed.
+std::optional<double> read_limit(const std::string& path)
+{
+    const auto milli = read_number<std::int64_t>(path);
+    if (!milli) {
+        return std::nullopt;
+    }
+    const double limit = static_cast<double>(*milli) / MILLIDEGREES_PER_DEGREE;
+    return limit > LOWEST_LIMIT && limit < HIGHEST_LIMIT ? std::optional(limit) : std::nullopt;
+}
+
+/// The limit that the chip gives in a file beside its temperature input.
+std::optional<double> find_limit_beside(const std::string& temp_path)
+{
+    if (temp_path.empty()) {
+        return std::nullopt;
+    }
+    const std::string base = temp_path.substr(0, temp_path.rfind("_input"));
+    for (const char* suffix : {"_max", "_crit"}) {
+        if (const auto limit = read_limit(base + suffix)) {
+            return limit;
+        }
+    }
+    return std::nullopt;
+}
+
+/// The limit of a zone's first trip point at which the kernel begins to slow the machine down.
+std::optional<double> find_trip_limit(const fs::path& zone)
+{
+    for (int i = 0; i < TRIP_POINTS; ++i) {
+        const std::string trip = "trip_point_" + std::to_string(i);
+        const fs::path type_path = zone / (trip + "_type");
+        if (!fs::exists(type_path)) {
+            continue;
+        }
+        const std::string type = read_first_line(type_path);
+        if (type != "passive" && type != "hot") {
+            continue;
+        }
+        if (const auto limit = read_limit(zone / (trip + "_temp"))) {
+            return limit;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<double> find_zone_limit()
+{
+    try {
+        for (const auto& zone : fs::directory_iterator(THERMAL_DIRECTORY)) {
+            if (!zone.path().filename().string().starts_with("thermal_zone")) {
+                continue;
+            }
+            if (const auto limit = find_trip_limit(zone.path())) {
+                return limit;
+            }
+        }
+    } catch (...) {
+        // no thermal zones, or one that can't be looked at: the default applies
+    }
+    return std::nullopt;
+}
+
+/// Calls `visit` with key and number of each line of /proc/meminfo that has both, until it returns false.
+template <typename Visitor>
+void for_each_meminfo_value(Visitor visit)
+{
+    std::ifstream file(MEMINFO_FILE);
+    std::string line;
+    std::istringstream fields;
+    while (std::getline(file, line)) {
+        std::string key;
+        std::uint64_t value = 0;
+        fields.clear();
+        fields.str(line);
+        if (fields >> key >> value && !visit(key, value)) {
+            return;
+        }
+    }
+}
+
+/// What a kernel without MemAvailable can say instead.
+std::uint64_t read_free_memory_kb()
+{
+    std::uint64_t free_kb = 0;
+    for_each_meminfo_value([&](const std::string& key, std::uint64_t value) {
+        const bool found = key == "MemFree:";
+        if (found) {
+            free_kb = value;
+        }
+        return !found;
+    });
+    return free_kb;
+}
+
 }  // namespace
 
 SystemMetrics::SystemMetrics() : m_wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
@@ -60,6 +245,9 @@ SystemMetrics::SystemMetrics() : m_wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK
     m_cpu_name = read_cpu_name();
     m_core_count = read_core_count();
     m_physical_core_count = read_physical_core_count();
+    m_max_frequencies = read_max_frequencies(m_core_count);
+    detect_sensors();
+    read_memory(m_mem_used_gb, m_mem_total_gb);
 }
 
 SystemMetrics::~SystemMetrics()
@@ -187,8 +375,41 @@ int SystemMetrics::read_physical_core_count()
 void SystemMetrics::update_loop()
 {
     while (m_running) {
+        sample();
         wait_for_next_pass();
     }
+}
+
+/// One pass. All files are read before the lock is taken, so that a slow one never holds up a getter.
+void SystemMetrics::sample()
+{
+    const double temp = read_temperature();
+    const double power = read_power();
+    std::vector<double> freqs = read_frequencies();
+    double mem_used = NO_READING;
+    double mem_total = NO_READING;
+    read_memory(mem_used, mem_total);
+    const bool thermal = decide_throttling(temp);
+
+    const std::lock_guard lock(m_mutex);
+    m_temperature = temp;
+    m_power = power;
+    m_frequencies = std::move(freqs);
+    m_mem_used_gb = mem_used;
+    m_mem_total_gb = mem_total;
+    m_thermal_throttling = thermal;
+}
+
+/// Where the kernel counts throttle events, a new one decides, however hot it is; elsewhere the temperature does.
+bool SystemMetrics::decide_throttling(double temperature)
+{
+    if (!m_has_throttle_counter) {
+        return temperature >= 0 && m_temp_limit > 0 && temperature >= m_temp_limit - LIMIT_MARGIN;
+    }
+    const std::int64_t count = read_throttle_count();
+    const bool more = m_prev_throttle_count >= 0 && count > m_prev_throttle_count;
+    m_prev_throttle_count = count;
+    return more;
 }
 
 /// Waits for a descriptor rather than in short sleeps: one wake-up a pass, and stop() is heard at once.
@@ -196,4 +417,128 @@ void SystemMetrics::wait_for_next_pass() const
 {
     pollfd wake{.fd = m_wake_fd, .events = POLLIN, .revents = 0};
     poll(&wake, 1, PAUSE_MS);
+}
+
+void SystemMetrics::detect_sensors()
+{
+    m_temp_path = find_thermal_zone();
+    if (m_temp_path.empty()) {
+        m_temp_path = find_hwmon_input();
+    }
+    m_has_temp = !m_temp_path.empty();
+
+    if (fs::exists(ENERGY_FILE)) {
+        m_rapl_path = ENERGY_FILE;
+        m_has_rapl = true;
+        m_prev_energy = read_number<std::uint64_t>(m_rapl_path).value_or(0);
+        m_prev_energy_time = std::chrono::steady_clock::now();
+    }
+    m_has_cpufreq = fs::exists(CpuFile(CURRENT_FREQ).of(0));
+    m_has_throttle_counter = fs::exists(CpuFile(THROTTLE_COUNT).of(0));
+    m_prev_throttle_count = read_throttle_count();
+    detect_temp_limit();
+}
+
+double SystemMetrics::read_temperature() const
+{
+    if (!m_has_temp) {
+        return NO_READING;
+    }
+    const auto milli = read_number<std::int32_t>(m_temp_path);
+    return milli ? *milli / MILLIDEGREES_PER_DEGREE : NO_READING;
+}
+
+double SystemMetrics::read_power()
+{
+    if (!m_has_rapl) {
+        return NO_READING;
+    }
+    const auto curr = read_number<std::uint64_t>(m_rapl_path);
+    if (!curr) {
+        return NO_READING;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    const double dt = std::chrono::duration<double>(now - m_prev_energy_time).count();
+    double power = NO_READING;
+    if (dt > 0.0 && *curr > m_prev_energy) {  // a counter that wrapped gives no reading once
+        const double energy_j = static_cast<double>(*curr - m_prev_energy) / MICROJOULES_PER_JOULE;
+        power = energy_j / dt;
+    }
+    m_prev_energy = *curr;
+    m_prev_energy_time = now;
+    return power;
+}
+
+std::vector<double> SystemMetrics::read_frequencies() const
+{
+    std::vector<double> freqs;
+    if (!m_has_cpufreq) {
+        return freqs;
+    }
+    freqs.reserve(m_max_frequencies.size());
+    CpuFile file(CURRENT_FREQ);
+    for (int i = 0;; ++i) {
+        const auto khz = read_number<std::uint64_t>(file.of(i));
+        if (!khz) {
+            return freqs;
+        }
+        freqs.push_back(static_cast<double>(*khz) / KHZ_PER_MHZ);
+    }
+}
+
+std::vector<double> SystemMetrics::read_max_frequencies(int core_count)
+{
+    std::vector<double> out;
+    CpuFile file(MAX_FREQ);
+    for (int i = 0; i < core_count; ++i) {
+        out.push_back(static_cast<double>(read_number<std::uint64_t>(file.of(i)).value_or(0)) / KHZ_PER_MHZ);
+    }
+    return out;
+}
+
+void SystemMetrics::read_memory(double& used_gb, double& total_gb) const
+{
+    used_gb = NO_READING;
+    total_gb = NO_READING;
+    std::optional<std::uint64_t> total_kb;
+    std::optional<std::uint64_t> avail_kb;
+    for_each_meminfo_value([&](const std::string& key, std::uint64_t value) {
+        if (key == "MemTotal:") {
+            total_kb = value;
+        } else if (key == "MemAvailable:") {
+            avail_kb = value;
+        }
+        return !total_kb || !avail_kb;
+    });
+    if (total_kb.value_or(0) == 0) {
+        return;
+    }
+    if (!avail_kb) {
+        avail_kb = read_free_memory_kb();
+    }
+    total_gb = static_cast<double>(*total_kb) / KB_PER_GIB;
+    used_gb = static_cast<double>(*total_kb - std::min(*avail_kb, *total_kb)) / KB_PER_GIB;
+}
+
+std::int64_t SystemMetrics::read_throttle_count() const
+{
+    if (!m_has_throttle_counter) {
+        return -1;
+    }
+    std::int64_t sum = 0;
+    CpuFile file(THROTTLE_COUNT);
+    for (int i = 0; i < m_core_count; ++i) {
+        const auto count = read_number<std::int64_t>(file.of(i)).value_or(0);
+        __builtin_add_overflow(sum, count, &sum);  // only growth matters, so a nonsensical sum may wrap
+    }
+    return sum;
+}
+
+void SystemMetrics::detect_temp_limit()
+{
+    auto limit = find_limit_beside(m_temp_path);
+    if (!limit) {
+        limit = find_zone_limit();
+    }
+    m_temp_limit = limit.value_or(DEFAULT_LIMIT);
 }
