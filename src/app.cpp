@@ -84,6 +84,8 @@ void App::update()
 {
     fill_cache();
     update_right_info_label();
+    update_info_line();
+    update_throttle_label();
     gtk_widget_queue_draw(m_total_chart);
     for (const ClusterUI& ui : m_clusters_ui) {
         for (const CoreWidgets& widgets : ui.cores) {
@@ -141,4 +143,20 @@ void App::set_markup(GtkWidget* label, const char* markup)
     if (std::strcmp(gtk_label_get_label(GTK_LABEL(label)), markup) != 0) {
         gtk_label_set_markup(GTK_LABEL(label), markup);
     }
+}
+
+void App::set_text(GtkWidget* label, const char* text)
+{
+    if (std::strcmp(gtk_label_get_label(GTK_LABEL(label)), text) != 0) {
+        gtk_label_set_text(GTK_LABEL(label), text);
+    }
+}
+
+void App::set_tooltip(GtkWidget* widget, const char* text)
+{
+    gchar* const present = gtk_widget_get_tooltip_text(widget);
+    if (g_strcmp0(present ? present : "", text) != 0) {
+        gtk_widget_set_tooltip_text(widget, *text != '\0' ? text : nullptr);
+    }
+    g_free(present);
 }

@@ -23,7 +23,7 @@ struct ChartMeta {
 /// The one application object; main thread only.
 ///   app.cpp         life cycle, tick         app_cards.cpp   cards, section headers, total panel
 ///   app_window.cpp  window and monitor       app_layout.cpp  the tree, placement, sizes, card titles
-///   app_charts.cpp  painting
+///   app_charts.cpp  painting                 app_status.cpp  throttle label, info line
 class App {
 public:
     // --- app.cpp: life cycle and tick ---
@@ -83,6 +83,9 @@ private:
     void update_card(const CoreWidgets& widgets);
     /// Sets a label's markup unless it stands there already: for each label that is set GTK measures the window anew.
     static void set_markup(GtkWidget* label, const char* markup);
+    /// Likewise a label's plain text, and a widget's tooltip; an empty tooltip is none.
+    static void set_text(GtkWidget* label, const char* text);
+    static void set_tooltip(GtkWidget* widget, const char* text);
     /// The byte of a colour channel from 0.0 to 1.0 as labels show it: cut towards zero.
     static unsigned label_byte(double channel) { return static_cast<unsigned>(channel * 255); }
 
@@ -117,6 +120,18 @@ private:
     static Rgb group_color(int index);
     Palette palette() const { return Palette::for_theme(m_dark); }
     double total_frequency() const;
+
+    // --- app_status.cpp: throttle label and info line ---
+
+    /// How far the busy CPUs run below their highest clock, 0.0 to 1.0 (0.0 if none is busy); -1.0 if it can't be known.
+    double compute_throttle() const;
+    void update_throttle_label();
+    std::string throttle_markup(double t, bool thermal) const;
+    static std::string throttle_tooltip(double t, bool thermal, double temperature, double limit);
+    /// Core, thread and memory counts, in as many words as fit.
+    void update_info_line();
+    int info_line_width() const;
+    std::string longest_fitting(const std::vector<std::string>& candidates, int avail) const;
 
     // --- app_cards.cpp: the widget groups ---
 

@@ -232,6 +232,7 @@ void App::on_win_size_alloc(GtkWidget*, GtkAllocation* allocation, gpointer data
     if (allocation->width != app.m_last_window_w) {
         app.m_last_window_w = allocation->width;
         app.fit_core_labels(allocation->width);
+        app.update_info_line();
         allocate_content_again(app.m_window);
     }
     if (allocation->height != app.m_last_window_h) {
