@@ -19,8 +19,13 @@ sigset_t gated_signals()
     return set;
 }
 
-bool g_is_open = true;
 sigset_t g_open_mask;  // the main thread's signal mask without the gate
+
+/// Lets both signals through, at once if one has been waiting.
+void open()
+{
+    pthread_sigmask(SIG_SETMASK, &g_open_mask, nullptr);
+}
 
 timespec from_milliseconds(gint ms)
 {
@@ -29,17 +34,17 @@ timespec from_milliseconds(gint ms)
     return {.tv_sec = ms / MS_PER_S, .tv_nsec = ms % MS_PER_S * NS_PER_MS};
 }
 
-/// A main context's poll function: opens the gate exactly for the wait, without a gap in which a signal could be missed.
+/// A main context's poll function: opens the gate exactly for the wait, so that no signal comes too early for the wait to end by it. Then
+/// opens it once more, since ppoll delivers nothing when some descriptor is ready at once, which may be so each time.
 gint poll_with_gate_open(GPollFD* fds, guint count, gint timeout_ms)
 {
     static_assert(sizeof(GPollFD) == sizeof(pollfd));  // GLib documents the two as the same
     const timespec timeout = from_milliseconds(timeout_ms);
     const gint ready = ppoll(reinterpret_cast<pollfd*>(fds), count, timeout_ms < 0 ? nullptr : &timeout, &g_open_mask);
-    if (g_is_open) {
-        const int error = errno;
-        SignalGate::close();
-        errno = error;  // GLib looks at it
-    }
+    const int error = errno;
+    open();
+    SignalGate::close();
+    errno = error;  // GLib looks at it
     return ready;
 }
 
@@ -49,7 +54,6 @@ void SignalGate::close()
 {
     const sigset_t set = gated_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    g_is_open = false;
 }
 
 void SignalGate::open_for_main_loop()
@@ -58,6 +62,5 @@ void SignalGate::open_for_main_loop()
     sigdelset(&g_open_mask, SIGINT);
     sigdelset(&g_open_mask, SIGTERM);
     g_main_context_set_poll_func(nullptr, poll_with_gate_open);
-    g_is_open = true;
-    pthread_sigmask(SIG_SETMASK, &g_open_mask, nullptr);
+    open();
 }
