@@ -162,17 +162,24 @@ std::map<std::string, std::vector<std::int32_t>> group_by_cpu_type(int cpu_count
     return groups;
 }
 
-/// A cluster of these CPUs, as yet without name and colour.
-CpuCluster cluster_of(std::vector<std::int32_t> cpus)
+std::uint64_t highest_freq_khz(const std::vector<std::int32_t>& cpus)
 {
-    std::uint64_t highest_khz = 0;
+    std::uint64_t highest = 0;
     for (const std::int32_t cpu : cpus) {
-        highest_khz = std::max(highest_khz, read_max_freq_khz(cpu));
+        highest = std::max(highest, read_max_freq_khz(cpu));
     }
-    CpuCluster cluster;
-    cluster.cpu_indices = std::move(cpus);
-    cluster.max_freq_mhz = static_cast<double>(highest_khz) / KHZ_PER_MHZ;
-    return cluster;
+    return highest;
+}
+
+/// The core types and their highest clocks, fastest first; types of equal clock keep the order of their names.
+std::vector<std::pair<std::uint64_t, std::string>> rank_types(const std::map<std::string, std::vector<std::int32_t>>& groups)
+{
+    std::vector<std::pair<std::uint64_t, std::string>> ranked;
+    for (const auto& [type, cpus] : groups) {
+        ranked.emplace_back(highest_freq_khz(cpus), type);
+    }
+    std::stable_sort(ranked.begin(), ranked.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    return ranked;
 }
 
 /// Groups by the core types that the kernel names, fastest first; empty unless it names one for each CPU and at least two in all.
@@ -183,15 +190,14 @@ std::vector<CpuCluster> detect_intel_hybrid(int cpu_count)
     if (groups.size() < 2) {
         return {};
     }
-    std::vector<CpuCluster> clusters;
-    for (auto& [type, cpus] : groups) {
-        clusters.push_back(cluster_of(std::move(cpus)));
-    }
-    std::stable_sort(clusters.begin(), clusters.end(),
-                     [](const CpuCluster& a, const CpuCluster& b) { return a.max_freq_mhz > b.max_freq_mhz; });
-    for (std::size_t i = 0; i < clusters.size(); ++i) {
-        name_core_type(clusters[i], i, clusters.size());
+    const auto ranked = rank_types(groups);
+    std::vector<CpuCluster> clusters(ranked.size());
+    for (std::size_t i = 0; i < ranked.size(); ++i) {
+        const auto& [khz, type] = ranked[i];
+        name_core_type(clusters[i], i, ranked.size());
         clusters[i].color_index = static_cast<std::int32_t>(i % GROUP_COLORS);
+        clusters[i].max_freq_mhz = static_cast<double>(khz) / KHZ_PER_MHZ;
+        clusters[i].cpu_indices = std::move(groups[type]);
     }
     return clusters;
 }

@@ -8,9 +8,11 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <clocale>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
@@ -34,6 +36,37 @@ bool wait_until(Condition condition, std::chrono::milliseconds deadline = std::c
     }
     return true;
 }
+
+/// A thread that calls a getter again and again, and nothing else: so the getter's own lock is all that there is between it and the thread
+/// that writes, and a lock that is missing shows in the thread sanitizer. The constructor waits for the first answer.
+class Asking {
+public:
+    template <typename Getter, typename Check>
+    Asking(Getter getter, Check check)
+    {
+        m_thread = std::thread([this, getter, check] {
+            while (!m_ended.load(std::memory_order_relaxed)) {
+                check(getter());
+                m_has_answered.store(true, std::memory_order_relaxed);
+            }
+        });
+        if (!wait_until([this] { return m_has_answered.load(std::memory_order_relaxed); })) {
+            std::terminate();  // the thread hangs, so there is no way back
+        }
+    }
+    ~Asking()
+    {
+        m_ended.store(true, std::memory_order_relaxed);
+        m_thread.join();
+    }
+    Asking(const Asking&) = delete;
+    Asking& operator=(const Asking&) = delete;
+
+private:
+    std::atomic<bool> m_ended{false};
+    std::atomic<bool> m_has_answered{false};
+    std::thread m_thread;
+};
 
 inline void write_text(const std::string& path, const std::string& text)
 {
@@ -219,7 +252,7 @@ private:
         return *this;
     }
 
-    /// Takes everything away but what programs need whatever the machine, which fake-machine has put there.
+    /// Takes everything away but what fake-machine has put there.
     static void clear()
     {
         for (const char* top : {"/proc", "/sys"}) {
@@ -231,14 +264,14 @@ private:
         }
     }
 
-    static bool is_frame(const std::string& path)
+    /// Whether an entry is the marker, or one of the links by which programs find themselves and others in the real /proc. They come and go
+    /// with the processes.
+    static bool is_frame(const std::filesystem::path& path)
     {
-        for (const char* kept : {"made-up-machine", "self", "thread-self", "sys", "mounts", "filesystems"}) {
-            if (path == std::string("/proc/") + kept) {
-                return true;
-            }
-        }
-        return false;
+        std::error_code gone;
+        const std::string destination = std::filesystem::read_symlink(path, gone);
+        const bool stays_inside = destination.starts_with("/proc/") || destination.starts_with("/sys/");
+        return path.filename() == "made-up-machine" || (!destination.empty() && !stays_inside);
     }
 };
 

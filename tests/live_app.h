@@ -105,7 +105,7 @@ protected:
     TemporaryHome home;
 
 private:
-    const ScopedEnv m_locale{"LC_ALL", "C.UTF-8"};
+    const ScopedEnv m_locale{"LC_ALL", std::nullopt};
     const ScopedEnv m_languages{"LANGUAGE", std::nullopt};
 };
 

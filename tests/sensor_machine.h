@@ -175,6 +175,9 @@ public:
     }
     ~HangingTask()
     {
+        for (const int pipe : m_held) {
+            close(pipe);
+        }
         wait_until([this] {
             for (const std::string& file : m_files) {
                 m_machine.hand_over(file, "");

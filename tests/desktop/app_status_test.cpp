@@ -359,15 +359,6 @@ TEST_F(ThrottleLabel, TooltipTakesNoLimitOfZeroOrLess)
     EXPECT_EQ(tooltip(0.25, false, 50, 0.6), "50°C / 1°C");
 }
 
-TEST_F(ThrottleLabel, TooltipIsPlainText)
-{
-    show(0.25, true, 50, 100);
-    gchar* const markup = gtk_widget_get_tooltip_markup(app.m_throttle_label);
-    ASSERT_NE(markup, nullptr);
-    EXPECT_STREQ(markup, "Throttle: 50°C / 100°C\nThrottle 25%");
-    g_free(markup);
-}
-
 TEST_F(ThrottleLabel, TooltipIsCutAtTwoHundredAndFiftyFiveBytes)
 {
     char whole[512];

@@ -13,6 +13,8 @@ CHART_BACKGROUND = (0xF5, 0xF5, 0xF5)  # of the light theme
 FILL_TOP, FILL_BOTTOM = 0.55, 0.04  # how much of the accent colour stands under the curve
 CURVE = 0.85  # and in it
 POINTS = 60  # of a full history
+GRID_LINES = (0.25, 0.5, 0.75)
+TEXT_HEIGHT = 20  # of the frequency in the middle, at most, in the program's pixels
 
 OVERLAY_SIZE, OVERLAY_MARGIN = 12.0, 4.0  # font and distance from the corner, in the program's pixels
 OVERLAY_AREA = (48, 20)  # the corner that holds every percentage
@@ -48,11 +50,19 @@ class Chart:
         return 1 - (int(numpy.argmax(self.newest)) + 0.5) / self.height
 
     def points(self) -> int:
-        """The number of values in the chart, by how far the fill reaches to the left."""
-        top = int(numpy.argmax(self.newest))
-        row = min(top + 4 * self.scale, self.height - 1)
-        columns = numpy.nonzero(self.accent[row] > fill_share((row + 0.5) / self.height) / 2)[0]
-        return round(POINTS - int(columns.min()) / self.width * (POINTS - 1)) if columns.size else 0
+        """The number of values in the chart, if they are level, by how far the fill reaches to the left."""
+        row = self._row_of_fill_alone()
+        is_bare = self.accent[row] < fill_share((row + 0.5) / self.height) / 2
+        left = int(numpy.nonzero(is_bare)[0].max(initial=-1)) + 1
+        return round(POINTS - left / self.width * (POINTS - 1)) if left < self.width else 0
+
+    def _row_of_fill_alone(self) -> int:
+        """A row under the curve that neither a grid line nor the text in the middle crosses."""
+        curve, text = int(numpy.argmax(self.newest)), self.height // 2 + TEXT_HEIGHT * self.scale // 2
+        row = max(curve, text) + 3 * self.scale
+        while min(abs(row + 0.5 - line * self.height) for line in GRID_LINES) < 2 * self.scale:
+            row += 1
+        return min(row, self.height - 1)
 
     def fills_whole_width(self) -> bool:
         """Whether the curve reaches the left edge."""

@@ -15,6 +15,7 @@ import pytest
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 sys.path[:0] = [str(HERE), str(HERE.parent / "display"), str(HERE.parent / "machine")]
+pytest.register_assert_rewrite("monitor")  # so that its assertions tell what they compared
 
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay  # noqa: E402
 from fakemachine import Machine  # noqa: E402

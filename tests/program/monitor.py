@@ -23,8 +23,9 @@ TITLE, PROGRAM_NAME = "Vantric", "vantric"
 #: A group colour that nothing else in a window has, so that a colour bar can be found by it.
 MARKER_COLOR = "#FE01C5"
 
-# weston has no keyboard, which GTK takes ill; nothing of this comes from the program.
-_WITHOUT_KEYBOARD = re.compile(r"\n?.*Gdk-CRITICAL.*: gdk_seat_get_keyboard: assertion .*\n")
+# weston has no keyboard and pointer, which GTK takes ill at its start and where a tooltip changes.
+_WITHOUT_SEAT = re.compile(r"\n?.*Gdk-CRITICAL.*: gdk_(seat_get_keyboard|seat_get_pointer"
+                           r"|device_get_window_at_position_double): assertion 'GDK_IS_(SEAT|DEVICE) .*\n")
 
 
 @dataclass
@@ -114,9 +115,9 @@ class Monitor:
         return self.status
 
     def complaints(self) -> str:
-        """All that it has written, but for what GTK says of a display without a keyboard."""
+        """All that it has written, but for what GTK says of a display without keyboard and pointer."""
         text = self.stdout_path.read_text() + self.stderr_path.read_text(errors="replace")
-        return _WITHOUT_KEYBOARD.sub("", text) if isinstance(self.display, WestonDisplay) else text
+        return _WITHOUT_SEAT.sub("", text) if isinstance(self.display, WestonDisplay) else text
 
     def assert_clean_end(self) -> None:
         """It ends, has ended in order, and had nothing to say."""

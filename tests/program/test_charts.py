@@ -9,7 +9,7 @@ from pathlib import Path
 import numpy
 import pytest
 
-from chart_pixels import CHART_BACKGROUND, CURVE, Chart, color_of, fill_share, read_overlay
+from chart_pixels import CHART_BACKGROUND, CURVE, GRID_LINES, Chart, color_of, fill_share, read_overlay
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, wait_until
 from fakemachine import preset
 from monitor import MARKER_COLOR, TIMEOUT, Content, Monitor, Start
@@ -22,7 +22,6 @@ LOADS = [40, 100, 0, 80]
 MACHINE = {"clusters": [{"cores": 2, "mhz": [800, 3900]}, {"cores": 2, "mhz": [800, 2000]}],
            "load": {"kind": "steady", "percent": LOADS}}
 
-GRID_LINES = (0.25, 0.5, 0.75)
 GRID = 0.2  # more than a grid line's share of any accent colour used here
 SHOWN_POINTS = 4  # enough to see a level curve
 

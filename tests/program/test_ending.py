@@ -8,6 +8,7 @@ import random
 import re
 import signal
 import subprocess
+import threading
 import time
 from collections.abc import Callable
 from contextlib import ExitStack
@@ -111,20 +112,22 @@ class Trial:
 
     def __init__(self, monitor: Monitor, number: signal.Signals, delay: float) -> None:
         self._monitor, self._number = monitor, number
-        self.due = time.monotonic() + delay
         self._was_caught = False
+        self._sender = threading.Timer(delay, self._send)
+        self._sender.start()
 
-    def send(self) -> None:
+    def _send(self) -> None:
         self._was_caught = self._monitor.catches(self._number)
         self._monitor.send(self._number)
 
     def outcome(self) -> str:
         """How the signal has worked, after making sure that it may work so. What still runs gets a second one."""
+        self._sender.join()
         monitor = self._monitor
         wait_until(lambda: not monitor.running() or QUIT_REFUSED.search(monitor.complaints()), TIMEOUT,
                    f"an effect of {self._number.name}")
         if monitor.running():  # it came before the main loop, so the program goes on
-            assert monitor.window
+            wait_for_main_loop(monitor)
             monitor.send(signal.SIGTERM)
             return "went on"
         if monitor.status == -self._number and not self._was_caught:
@@ -139,16 +142,20 @@ class Trial:
         assert QUIT_REFUSED.subn("", self._monitor.complaints()) == ("", refusals), outcome
 
 
-def seconds_to_windows(display: XDisplay, start: Start) -> float:
-    """How long so many starts side by side take here."""
-    begin = time.monotonic()
-    monitors = [start(display, accessible=False) for _ in range(AT_ONCE)]
-    for monitor in monitors:
-        wait_for_main_loop(monitor)
-    taken = time.monotonic() - begin
-    for monitor in monitors:
+def seconds_of_a_start(display: XDisplay, start: Start) -> float:
+    """How long a start takes here, among as many others as in a trial."""
+    begins = {start(display, accessible=False): time.monotonic() for _ in range(AT_ONCE)}
+    taken: dict[Monitor, float] = {}
+
+    def look() -> bool:
+        for monitor in begins.keys() - taken.keys():
+            if monitor.threads().count("vantric") == 3:
+                taken[monitor] = time.monotonic() - begins[monitor]
+        return len(taken) == AT_ONCE
+    wait_until(look, TIMEOUT, "all of the programs")
+    for monitor in begins:
         monitor.send(signal.SIGTERM)
-    return taken
+    return sorted(taken.values())[AT_ONCE // 2]
 
 
 def test_signals_at_random_moments_of_the_start(x11: XDisplay, start: Start) -> None:
@@ -156,14 +163,11 @@ def test_signals_at_random_moments_of_the_start(x11: XDisplay, start: Start) -> 
     print(f"seed {seed}")
     moments = random.Random(seed)
     numbers = itertools.cycle(ENDING_SIGNALS)
-    spread = 1.3 * seconds_to_windows(x11, start)
+    spread = 2 * seconds_of_a_start(x11, start)
     seen = set()
     for _ in range(4):
         trials = [Trial(start(x11, accessible=False), next(numbers), moments.uniform(0, spread))
                   for _ in range(AT_ONCE)]
-        for trial in sorted(trials, key=lambda trial: trial.due):
-            time.sleep(max(0.0, trial.due - time.monotonic()))
-            trial.send()
         outcomes = [trial.outcome() for trial in trials]
         for trial, outcome in zip(trials, outcomes):
             trial.check_end(outcome)

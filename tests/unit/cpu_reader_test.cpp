@@ -466,10 +466,15 @@ public:
         m_fed = true;
     }
 
-    /// Stops the reader, and lets go of a reading that hangs.
     void stop()
     {
         auto stopped = std::async(std::launch::async, [&] { m_reader.stop(); });
+        let_go_until(stopped);
+    }
+
+    /// Ends readings that hang until the stop is done.
+    void let_go_until(const std::future<void>& stopped)
+    {
         wait_until([&] {
             m_machine.hand_over(STAT, "");
             return stopped.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
@@ -561,9 +566,9 @@ TEST(RunningReader, StopDuringThePauseReadsNothingMore)
     FedReader reader;
     reader.feed(stat_text({{0, 0}}));
     ASSERT_TRUE(wait_until([&] { return reader->core_count() == 1; }));
-    auto stopped = std::async(std::launch::async, [&] { reader->stop(); });  // a further reading would hang
+    const auto stopped = std::async(std::launch::async, [&] { reader->stop(); });  // a further reading would hang
     EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(20)));
-    reader.stop();
+    reader.let_go_until(stopped);
 }
 
 TEST(RunningReader, HasEndedOnceStopReturns)
@@ -606,37 +611,31 @@ TEST(RunningReader, NeverMakesAGetterWaitForTheKernel)
     close(pipe);
 }
 
-TEST(RunningReader, EveryGetterAnswersInManyThreadsMeanwhile)
+TEST(RunningReader, EveryGetterAnswersInAThreadOfItsOwnMeanwhile)
 {
     FakeMachine machine;
     machine.stat({{0, 0}, {0, 0}});
     CPUReader reader;
-    reader.start();
-    std::atomic<bool> ended{false};
-    const auto ask = [&] {
-        std::size_t answers = 0;
-        while (!ended) {
-            for (const CoreStats& core : reader.get_cores()) {
-                EXPECT_LE(core.history.size(), samples(reader));
-            }
-            EXPECT_THAT(reader.get_total(), AllOf(Ge(0.0), Le(1.0)));
-            EXPECT_LE(reader.core_count(), 2);
-            ++answers;
-        }
-        return answers;
-    };
-    std::vector<std::future<std::size_t>> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.push_back(std::async(std::launch::async, ask));
-    }
-    for (unsigned i = 1; samples(reader) < 3; ++i) {
-        machine.stat(i % 100 < 50 ? std::vector<Ticks>{{i, i}, {i, 0}} : std::vector<Ticks>{{i, i}});
+    {
+        const Asking cores([&] { return reader.get_cores(); },
+                           [](const auto& list) {
+                               for (const CoreStats& core : list) {
+                                   EXPECT_LE(core.history.size(), 60);
+                                   EXPECT_THAT(core.usage, AllOf(Ge(0.0), Le(1.0)));
+                               }
+                           });
+        const Asking total([&] { return reader.get_total(); }, [](double load) { EXPECT_THAT(load, AllOf(Ge(0.0), Le(1.0))); });
+        const Asking history([&] { return reader.get_total_history(); }, [](const auto& loads) { EXPECT_LE(loads.size(), 60); });
+        const Asking count([&] { return reader.core_count(); }, [](int n) { EXPECT_LE(n, 2); });
+        reader.start();
+        unsigned long long ticks = 0;
+        EXPECT_TRUE(wait_until([&] {
+            ++ticks;
+            machine.stat(ticks % 100 < 50 ? std::vector<Ticks>{{ticks, ticks}, {ticks, 0}} : std::vector<Ticks>{{ticks, ticks}});
+            return samples(reader) >= 3;
+        }));
     }
     reader.stop();
-    ended = true;
-    for (auto& thread : threads) {
-        EXPECT_GT(thread.get(), 0);
-    }
 }
 
 }  // namespace
