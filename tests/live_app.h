@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 
+#include <algorithm>
 #include <chrono>
+#include <clocale>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -55,12 +57,20 @@ private:
     std::vector<std::string> m_texts;
 };
 
+/// A text with decimal points as the locale in force writes it: the tests also run where decimals have commas.
+inline std::string localized(std::string text)
+{
+    std::replace(text.begin(), text.end(), '.', *std::localeconv()->decimal_point);
+    return text;
+}
+
 /// Runs the main loop until the condition is true, and says whether it was before the deadline.
 template <typename Condition>
 bool iterate_until(Condition condition, std::chrono::milliseconds deadline = std::chrono::seconds(20))
 {
     // Wakes the loop up, so that a condition that no event announces is looked at, too
-    const guint waker = g_timeout_add_full(G_PRIORITY_LOW, 5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    const guint waker = g_timeout_add_full(
+        G_PRIORITY_LOW, 5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
     const auto end = std::chrono::steady_clock::now() + deadline;
     bool is_true = condition();
     while (!is_true && std::chrono::steady_clock::now() < end) {

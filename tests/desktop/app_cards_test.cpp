@@ -1,12 +1,11 @@
 /// The widget groups: card of a CPU, header of a section, total panel.
-#include "app.h"
-
 #include <cmath>
 #include <cstdlib>
 #include <new>
 #include <string>
 #include <vector>
 
+#include "app.h"
 #include "desktop/pictures.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
@@ -104,11 +103,11 @@ using TotalPanel = Groups;
 TEST_F(Card, IsATitleRowOverAChart)
 {
     const Owned card(app.create_core_card(2, 1));
-    EXPECT_THAT(describe(card.widget), ElementsAre("box vertical spacing 2 hexpand vexpand .core-card",          //
-                                                   "- start: box horizontal spacing 0",                          //
-                                                   "- - start expand fill: label \"Core 3\" xalign 0 ellipsize end .core-label",
-                                                   "- - end: label \"0%\" markup .pct-label",
-                                                   "- start expand fill: GtkDrawingArea request -1x1 hexpand vexpand"));
+    EXPECT_THAT(describe(card.widget),
+                ElementsAre("box vertical spacing 2 hexpand vexpand .core-card",  //
+                            "- start: box horizontal spacing 0",                  //
+                            "- - start expand fill: label \"Core 3\" xalign 0 ellipsize end .core-label",
+                            "- - end: label \"0%\" markup .pct-label", "- start expand fill: GtkDrawingArea request -1x1 hexpand vexpand"));
 }
 
 TEST_F(Card, CountsCoresFromOneForTheUser)
@@ -199,7 +198,7 @@ TEST_F(SectionHeader, IsAColourBarATitleAndACaption)
     EXPECT_THAT(describe(header.widget), ElementsAre("box horizontal spacing 5 hexpand .section-header",  //
                                                      "- start: GtkDrawingArea request 3x14",              //
                                                      "- start: label \"Performance (8)\" xalign 0 .group-name",
-                                                     "- start: label \"5.700 GHz\" xalign 0 .group-freq"));
+                                                     "- start: label \"" + localized("5.700 GHz") + "\" xalign 0 .group-freq"));
 }
 
 TEST_F(SectionHeader, UnknownFrequencyLeavesBarAndTitleOnly)
@@ -270,8 +269,8 @@ TEST_F(SectionHeader, CaptionBelowAThousandMegahertzIsInMegahertz)
 
 TEST_F(SectionHeader, CaptionFromAThousandMegahertzUpIsInGigahertz)
 {
-    EXPECT_EQ(caption(1000.0), "1.000 GHz");
-    EXPECT_EQ(caption(3600.0), "3.600 GHz");
+    EXPECT_EQ(caption(1000.0), localized("1.000 GHz"));
+    EXPECT_EQ(caption(3600.0), localized("3.600 GHz"));
 }
 
 TEST_F(SectionHeader, CaptionIsCutAtThirtyOneBytes)
@@ -285,11 +284,11 @@ TEST_F(TotalPanel, InVerticalOrientationIsAStatusRowOverAChartOfFixedHeight)
 {
     const Owned panel(app.create_total_panel(nullptr));
     EXPECT_THAT(describe(panel.widget),
-                ElementsAre("box vertical spacing 3 hexpand .total-card",                               //
-                            "- start: box horizontal spacing 4",                                        //
-                            "- - start: button \"⚙\" flat tooltip \"Settings\" .flat .gear-btn",        //
-                            "- - start padding 4: label \"\" markup xalign 0 .info-line",               //
-                            "- - end padding 4: label \"\" markup xalign 1 .throttle-label",            //
+                ElementsAre("box vertical spacing 3 hexpand .total-card",                         //
+                            "- start: box horizontal spacing 4",                                  //
+                            "- - start: button \"⚙\" flat tooltip \"Settings\" .flat .gear-btn",  //
+                            "- - start padding 4: label \"\" markup xalign 0 .info-line",         //
+                            "- - end padding 4: label \"\" markup xalign 1 .throttle-label",      //
                             "- start: GtkDrawingArea request -1x60 hexpand"));
 }
 

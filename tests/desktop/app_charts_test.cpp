@@ -1,7 +1,5 @@
 /// Painting, by the pixels that come of it: charts, ghost text, overlay, colour bar, and the colours of load and group. Many pictures
 /// are magnified, so that a line of half a pixel fills whole ones and shows its colour unmixed.
-#include "app.h"
-
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -10,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "app.h"
 #include "desktop/calls.h"
 #include "desktop/pictures.h"
 #include "desktop/reference_painter.h"
@@ -202,7 +201,7 @@ TEST_F(GroupColour, BrokenTotalFallsBackToItsDefault)
 
 TEST_F(FrequencyTexts, GigahertzHaveFourFormsTheLongestFirst)
 {
-    EXPECT_THAT(App::freq_texts(3641.2), ElementsAre("3.641 GHz", "3.6 GHz", "3.6G", "3.6"));
+    EXPECT_THAT(App::freq_texts(3641.2), ElementsAre(localized("3.641 GHz"), localized("3.6 GHz"), localized("3.6G"), localized("3.6")));
 }
 
 TEST_F(FrequencyTexts, MegahertzHaveThreeFormsTheLongestFirst)
@@ -212,7 +211,7 @@ TEST_F(FrequencyTexts, MegahertzHaveThreeFormsTheLongestFirst)
 
 TEST_F(FrequencyTexts, ExactlyAThousandIsAGigahertz)
 {
-    EXPECT_THAT(App::freq_texts(1000.0), ElementsAre("1.000 GHz", "1.0 GHz", "1.0G", "1.0"));
+    EXPECT_THAT(App::freq_texts(1000.0), ElementsAre(localized("1.000 GHz"), localized("1.0 GHz"), localized("1.0G"), localized("1.0")));
 }
 
 TEST_F(FrequencyTexts, UnitIsChosenBeforeRounding)
@@ -808,7 +807,7 @@ TEST_F(DrawChart, CoreShowsItsHistoryItsClockAndItsGroupWithoutAnOverlay)
     app.m_cache.total = 0.5;
     Chart wanted = chart();
     wanted.history = {0.1, 0.9, 0.5};
-    wanted.ghost = {"2.400 GHz"};
+    wanted.ghost = {localized("2.400 GHz")};
     wanted.accent = {0.2, 0.4, 0.6};
     EXPECT_EQ(draw(1, 2), wanted.paint());
 }
@@ -822,7 +821,7 @@ TEST_F(DrawChart, TotalShowsTheMeansTheHighestClockAndTheLoad)
     app.m_cache.cores = {{.usage = 0.9, .history = {0.9, 0.9}}};
     Chart wanted = chart();
     wanted.history = {0.1, 0.9, 0.42};
-    wanted.ghost = {"4.100 GHz"};
+    wanted.ghost = {localized("4.100 GHz")};
     wanted.accent = {0.2, 0.4, 0.6};
     wanted.overlay = 0.42;
     EXPECT_EQ(draw(-1, -1), wanted.paint());
@@ -846,7 +845,7 @@ TEST_F(DrawChart, CpuBeyondTheCachedCoresKeepsItsClock)
 {
     app.m_cache.frequencies = {800.0, 2400.0};
     Chart wanted = chart();
-    wanted.ghost = {"2.400 GHz"};
+    wanted.ghost = {localized("2.400 GHz")};
     EXPECT_EQ(draw(1), wanted.paint());
 }
 
@@ -881,7 +880,8 @@ TEST_F(DrawChart, TakesNoLock)
     std::thread([this] {  // a thread that holds neither: taking one would hang
         draw(0);
         draw(-1, -1);
-    }).join();
+    })
+        .join();
 }
 
 TEST_F(DrawChart, PaintsTheCardOnTheScreen)
@@ -992,7 +992,8 @@ struct Screenshot {
 
     Pixel at(int x, int y) const
     {
-        const guchar* const p = gdk_pixbuf_read_pixels(pixels) + y * gdk_pixbuf_get_rowstride(pixels) + x * gdk_pixbuf_get_n_channels(pixels);
+        const guchar* const p =
+            gdk_pixbuf_read_pixels(pixels) + y * gdk_pixbuf_get_rowstride(pixels) + x * gdk_pixbuf_get_n_channels(pixels);
         return {p[0], p[1], p[2]};
     }
 };

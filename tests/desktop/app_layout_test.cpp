@@ -1,10 +1,9 @@
 /// The tree under the window, the places of cards, default sizes, and card titles that fit.
-#include "app.h"
-
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "app.h"
 #include "desktop/pictures.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
@@ -24,7 +23,8 @@ GtkWidget* outer_box(const App& app)
 std::vector<int> grid_rows(const App& app)
 {
     std::vector<int> rows;
-    std::transform(app.m_clusters_ui.begin(), app.m_clusters_ui.end(), std::back_inserter(rows), [](const auto& ui) { return ui.grid_row; });
+    std::transform(app.m_clusters_ui.begin(), app.m_clusters_ui.end(), std::back_inserter(rows),
+                   [](const auto& ui) { return ui.grid_row; });
     return rows;
 }
 
@@ -56,23 +56,25 @@ TEST_F(Tree, VerticalOrientationStacksHeaderPanelAndGrid)
 {
     machine.file("/proc/cpuinfo", "model name\t: Test CPU\n");
     const IdleApp app(Shape{.clusters = {2}});
-    EXPECT_THAT(describe(outer_box(app)),
-                ElementsAre("box vertical spacing 0",                                              //
-                            "- start: box vertical spacing 1 .header",                             //
-                            "- - start: label \"Test CPU\" xalign 0 wrap word .cpu-name",          //
-                            "- - start: box horizontal spacing 0 hexpand",                         //
-                            "- - - start expand fill: label \"\" xalign 0 wrap word-char max-width-chars 1 .info-line",
-                            "- start: box vertical spacing 3 hexpand .total-card",                 //
-                            "- start expand fill: grid spacing 3,2 homogeneous columns margin-start 6 margin-end 6 margin-bottom 2 vexpand"));
+    EXPECT_THAT(
+        describe(outer_box(app)),
+        ElementsAre("box vertical spacing 0",                                      //
+                    "- start: box vertical spacing 1 .header",                     //
+                    "- - start: label \"Test CPU\" xalign 0 wrap word .cpu-name",  //
+                    "- - start: box horizontal spacing 0 hexpand",                 //
+                    "- - - start expand fill: label \"\" xalign 0 wrap word-char max-width-chars 1 .info-line",
+                    "- start: box vertical spacing 3 hexpand .total-card",  //
+                    "- start expand fill: grid spacing 3,2 homogeneous columns margin-start 6 margin-end 6 margin-bottom 2 vexpand"));
 }
 
 TEST_F(Tree, HorizontalOrientationPutsASidePanelBesideTheCards)
 {
     const IdleApp app(Shape{.clusters = {2}, .horizontal = true});
-    EXPECT_THAT(describe(outer_box(app)),
-                ElementsAre("box horizontal spacing 0",                                 //
-                            "- start: box vertical spacing 3 request 230x-1 .total-card",
-                            "- start expand fill: grid spacing 3,2 homogeneous columns margin-start 6 margin-end 6 margin-bottom 2 vexpand"));
+    EXPECT_THAT(
+        describe(outer_box(app)),
+        ElementsAre("box horizontal spacing 0",  //
+                    "- start: box vertical spacing 3 request 230x-1 .total-card",
+                    "- start expand fill: grid spacing 3,2 homogeneous columns margin-start 6 margin-end 6 margin-bottom 2 vexpand"));
 }
 
 TEST_F(Tree, SidePanelHoldsTheHeaderOnTopOfItsOwnParts)
@@ -199,9 +201,8 @@ TEST_F(VerticalGrid, ColumnCountThatIsNotPositiveCountsAsOne)
 
 TEST_F(VerticalGrid, MoreColumnsThanCardsLeaveTheRestOfTheRowEmpty)
 {
-    EXPECT_THAT(cells({.clusters = {1, 2}, .columns = 5}),
-                ElementsAre("0,0 5x1 header Cluster 1 (1)", "0,1 1x1 card 0", "0,2 5x1 header Cluster 2 (2)", "0,3 1x1 card 1",
-                            "1,3 1x1 card 2"));
+    EXPECT_THAT(cells({.clusters = {1, 2}, .columns = 5}), ElementsAre("0,0 5x1 header Cluster 1 (1)", "0,1 1x1 card 0",
+                                                                       "0,2 5x1 header Cluster 2 (2)", "0,3 1x1 card 1", "1,3 1x1 card 2"));
 }
 
 TEST_F(VerticalGrid, ClusterWithoutCardsHasItsHeaderOnly)

@@ -250,10 +250,9 @@ TEST_F(StartUp, FollowsItsFixedOrder)
     App app;
     const Listening listening(app);
     run_app(app, [] {});
-    EXPECT_THAT(g_overheard.calls,
-                ElementsAre("SIGINT", "SIGTERM", "gtk_init", "settings.json", "direction rtl", "cpuinfo_max_freq", "window", "show_all",
-                            "thread, with these running: reader ", "thread, with these running: reader metrics", "tick every 1000 ms",
-                            "gtk_main"));
+    EXPECT_THAT(g_overheard.calls, ElementsAre("SIGINT", "SIGTERM", "gtk_init", "settings.json", "direction rtl", "cpuinfo_max_freq",
+                                               "window", "show_all", "thread, with these running: reader ",
+                                               "thread, with these running: reader metrics", "tick every 1000 ms", "gtk_main"));
 }
 
 TEST_F(StartUp, ThreadsStartOnlyAfterTheWindowIsShown)
@@ -546,8 +545,8 @@ TEST_F(Tick, PercentageTextIsWhatTheLabelShows)
 
 TEST_F(Tick, StatusShowsTheTemperatureInTheTextColourAndThenThePower)
 {
-    EXPECT_EQ(status(47.4, 12.34), "<span color='#404040'>CPU 47°C</span>  12.3W");
-    EXPECT_EQ(text_of(app.m_right_info_label), "CPU 47°C  12.3W");
+    EXPECT_EQ(status(47.4, 12.34), localized("<span color='#404040'>CPU 47°C</span>  12.3W"));
+    EXPECT_EQ(text_of(app.m_right_info_label), localized("CPU 47°C  12.3W"));
 }
 
 TEST_F(Tick, StatusTakesTheTextColourOfTheTheme)
@@ -568,8 +567,8 @@ TEST_F(Tick, TextColourStoredWithoutItsHashWorksInTheStatus)
     SettingsStore::instance().load();
     status(47.0, -1.0);
     EXPECT_EQ(text_of(app.m_right_info_label), "CPU 47°C");
-    PangoAttrIterator* const iterator = pango_attr_list_get_iterator(pango_layout_get_attributes(
-        gtk_label_get_layout(GTK_LABEL(app.m_right_info_label))));
+    PangoAttrIterator* const iterator =
+        pango_attr_list_get_iterator(pango_layout_get_attributes(gtk_label_get_layout(GTK_LABEL(app.m_right_info_label))));
     const auto* const color = reinterpret_cast<PangoAttrColor*>(pango_attr_iterator_get(iterator, PANGO_ATTR_FOREGROUND));
     ASSERT_NE(color, nullptr);
     EXPECT_EQ(color->color.red, 0xabab);
@@ -585,12 +584,12 @@ TEST_F(Tick, TemperatureOfZeroIsShown)
 
 TEST_F(Tick, PowerOfZeroIsShown)
 {
-    EXPECT_EQ(status(20.0, 0.0), "<span color='#404040'>CPU 20°C</span>  0.0W");
+    EXPECT_EQ(status(20.0, 0.0), localized("<span color='#404040'>CPU 20°C</span>  0.0W"));
 }
 
 TEST_F(Tick, PowerWithoutTemperatureStartsWithItsTwoBlanks)
 {
-    EXPECT_EQ(status(-1.0, 8.0), "  8.0W");
+    EXPECT_EQ(status(-1.0, 8.0), localized("  8.0W"));
 }
 
 TEST_F(Tick, NeitherTemperatureNorPowerEmptiesTheStatus)
@@ -601,7 +600,7 @@ TEST_F(Tick, NeitherTemperatureNorPowerEmptiesTheStatus)
 
 TEST_F(Tick, TemperatureThatIsNoNumberIsNotShown)
 {
-    EXPECT_EQ(status(NAN_READING, 8.0), "  8.0W");
+    EXPECT_EQ(status(NAN_READING, 8.0), localized("  8.0W"));
 }
 
 TEST_F(Tick, PowerThatIsNoNumberIsNotShown)
@@ -616,7 +615,7 @@ TEST_F(Tick, AnythingBelowZeroIsNoReading)
 
 TEST_F(Tick, PowerTextIsCutAtThirtyOneBytes)
 {
-    EXPECT_EQ(status(-1.0, 1e35), std::string("  99999999999999996863366107917975552.0W").substr(0, 31));
+    EXPECT_EQ(status(-1.0, 1e35), localized("  99999999999999996863366107917975552.0W").substr(0, 31));
 }
 
 // --- draws ---
@@ -715,14 +714,18 @@ TEST_F(Running, TicksGoOn)
 TEST_F(Running, DestroyedWindowEndsItWithStatusZero)
 {
     App app;
-    EXPECT_EQ(run_app(app, [&] { gtk_widget_destroy(app.window()); }, End::BY_ITSELF), 0);
+    EXPECT_EQ(run_app(
+                  app, [&] { gtk_widget_destroy(app.window()); }, End::BY_ITSELF),
+              0);
 }
 
 TEST_F(Running, ClosedWindowEndsItWithStatusZero)
 {
     machine.cpus(2);
     App app;
-    EXPECT_EQ(run_app(app, [&] { gtk_window_close(GTK_WINDOW(app.window())); }, End::BY_ITSELF), 0);
+    EXPECT_EQ(run_app(
+                  app, [&] { gtk_window_close(GTK_WINDOW(app.window())); }, End::BY_ITSELF),
+              0);
 }
 
 // --- SIGINT and SIGTERM ---
@@ -732,14 +735,18 @@ using Signals = DesktopTest;
 TEST_F(Signals, SigtermEndsTheMainLoopWithStatusZeroAndLeavesTheWindow)
 {
     App app;
-    EXPECT_EQ(run_app(app, [] { kill(getpid(), SIGTERM); }, End::BY_ITSELF), 0);
+    EXPECT_EQ(run_app(
+                  app, [] { kill(getpid(), SIGTERM); }, End::BY_ITSELF),
+              0);
     EXPECT_TRUE(gtk_widget_get_visible(app.window()));
 }
 
 TEST_F(Signals, SigintEndsTheMainLoopWithStatusZero)
 {
     App app;
-    EXPECT_EQ(run_app(app, [] { kill(getpid(), SIGINT); }, End::BY_ITSELF), 0);
+    EXPECT_EQ(run_app(
+                  app, [] { kill(getpid(), SIGINT); }, End::BY_ITSELF),
+              0);
 }
 
 TEST_F(Signals, SigintBeforeTheMainLoopIsRefusedByGtkAndTheProgramGoesOn)
@@ -758,14 +765,17 @@ TEST_F(Signals, SigintAfterARefusedOneEndsTheMainLoop)
     App app;
     const Listening listening(app);
     g_overheard.at_show_all = [] { kill(getpid(), SIGINT); };
-    EXPECT_EQ(run_app(app, [] { kill(getpid(), SIGINT); }, End::BY_ITSELF), 0);
+    EXPECT_EQ(run_app(
+                  app, [] { kill(getpid(), SIGINT); }, End::BY_ITSELF),
+              0);
     Messages::instance().take();
 }
 
 TEST_F(Signals, BothHaveOneHandlerThatStaysInstalled)
 {
     App app;
-    run_app(app, [] { kill(getpid(), SIGTERM); }, End::BY_ITSELF);
+    run_app(
+        app, [] { kill(getpid(), SIGTERM); }, End::BY_ITSELF);
     struct sigaction of_int = {};
     struct sigaction of_term = {};
     sigaction(SIGINT, nullptr, &of_int);

@@ -1,10 +1,9 @@
 /// The window: its hints, sizes and first place, the choice of the monitor, and the test for Wayland.
-#include "app.h"
-
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "app.h"
 #include "desktop/calls.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
@@ -75,26 +74,28 @@ GdkDisplay* gdk_display_get_default()
 
 GdkMonitor* gdk_display_get_primary_monitor(GdkDisplay* display)
 {
-    return are_made_up(__builtin_return_address(0)) ? g_monitors->primary
-                      : next<decltype(gdk_display_get_primary_monitor)>("gdk_display_get_primary_monitor")(display);
+    return are_made_up(__builtin_return_address(0))
+               ? g_monitors->primary
+               : next<decltype(gdk_display_get_primary_monitor)>("gdk_display_get_primary_monitor")(display);
 }
 
 GdkMonitor* gdk_display_get_monitor_at_window(GdkDisplay* display, GdkWindow* window)
 {
-    return are_made_up(__builtin_return_address(0)) ? g_monitors->at_window
-                      : next<decltype(gdk_display_get_monitor_at_window)>("gdk_display_get_monitor_at_window")(display, window);
+    return are_made_up(__builtin_return_address(0))
+               ? g_monitors->at_window
+               : next<decltype(gdk_display_get_monitor_at_window)>("gdk_display_get_monitor_at_window")(display, window);
 }
 
 int gdk_display_get_n_monitors(GdkDisplay* display)
 {
     return are_made_up(__builtin_return_address(0)) ? static_cast<int>(g_monitors->all.size())
-                      : next<decltype(gdk_display_get_n_monitors)>("gdk_display_get_n_monitors")(display);
+                                                    : next<decltype(gdk_display_get_n_monitors)>("gdk_display_get_n_monitors")(display);
 }
 
 GdkMonitor* gdk_display_get_monitor(GdkDisplay* display, int number)
 {
     return are_made_up(__builtin_return_address(0)) ? g_monitors->all.at(static_cast<std::size_t>(number))
-                      : next<decltype(gdk_display_get_monitor)>("gdk_display_get_monitor")(display, number);
+                                                    : next<decltype(gdk_display_get_monitor)>("gdk_display_get_monitor")(display, number);
 }
 
 void gdk_monitor_get_geometry(GdkMonitor* monitor, GdkRectangle* geometry)

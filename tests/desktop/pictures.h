@@ -39,9 +39,7 @@ inline Pixel pixel_of(const Rgb& color)
 /// A colour laid over an opaque pixel.
 inline Pixel blend(const Pixel& under, const Rgb& color, double alpha)
 {
-    const auto mix = [alpha](int below, double above) {
-        return static_cast<int>(std::lround(below * (1 - alpha) + above * 255 * alpha));
-    };
+    const auto mix = [alpha](int below, double above) { return static_cast<int>(std::lround(below * (1 - alpha) + above * 255 * alpha)); };
     return {mix(under.r, color.r), mix(under.g, color.g), mix(under.b, color.b)};
 }
 
@@ -129,7 +127,8 @@ private:
     std::uint32_t raw(int x, int y) const
     {
         cairo_surface_flush(m_surface.get());
-        const unsigned char* const row = cairo_image_surface_get_data(m_surface.get()) + y * cairo_image_surface_get_stride(m_surface.get());
+        const unsigned char* const row =
+            cairo_image_surface_get_data(m_surface.get()) + y * cairo_image_surface_get_stride(m_surface.get());
         std::uint32_t value = 0;
         std::copy_n(row + 4 * x, 4, reinterpret_cast<unsigned char*>(&value));
         return value;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -144,9 +145,9 @@ namespace widget_text {
 
 inline std::string number(double value)
 {
-    std::string text = std::to_string(value);
-    text.erase(text.find_last_not_of('0') + 1);
-    return text.back() == '.' ? text.substr(0, text.size() - 1) : text;
+    std::ostringstream text;
+    text << value;
+    return text.str();
 }
 
 inline std::string of_label(GtkWidget* widget)

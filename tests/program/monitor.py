@@ -127,6 +127,10 @@ class Monitor:
         """Whether the process has a handler for the signal by now."""
         return bool(int(self._field("SigCgt") or "0", 16) >> (number - 1) & 1)
 
+    def sleeps(self) -> bool:
+        """Whether the main thread waits for something."""
+        return self._field("State").startswith("S")
+
     def _field(self, name: str) -> str:
         try:
             text = Path(f"/proc/{self.pid}/status").read_text()

@@ -29,9 +29,9 @@ AT_ONCE = 15  # programs that are started side by side
 
 
 def wait_for_main_loop(monitor: Monitor) -> None:
-    """Waits until the window is there and both sampling threads run, after which only the main loop is to come."""
+    """Waits until the window is there, both sampling threads run, and the main thread sleeps: it can do so nowhere but in the main loop."""
     monitor.wait_for_window()
-    wait_until(lambda: monitor.threads().count("vantric") == 3, TIMEOUT, "both sampling threads")
+    wait_until(lambda: monitor.threads().count("vantric") == 3 and monitor.sleeps(), TIMEOUT, "the main loop")
 
 
 def closed_window(monitor: Monitor) -> None:
@@ -154,6 +154,7 @@ def seconds_of_a_start(display: XDisplay, start: Start) -> float:
         return len(taken) == AT_ONCE
     wait_until(look, TIMEOUT, "all of the programs")
     for monitor in begins:
+        wait_for_main_loop(monitor)
         monitor.send(signal.SIGTERM)
     return sorted(taken.values())[AT_ONCE // 2]
 

@@ -258,6 +258,7 @@ TEST_F(SignalGateTest, AnInterruptedPollSaysSoAndClosesTheGateAgain)
 {
     SignalGate::close();
     SignalGate::open_for_main_loop();
+    g_main_context_iteration(nullptr, FALSE);  // from here on new threads have both signals blocked
     std::atomic<bool> ended{false};
     std::thread killer([&] {  // one that comes before the wait does not end it, hence more than one
         wait_until([&] {
