@@ -1,6 +1,7 @@
 /// Life cycle of the application, and its tick.
 #include "app.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -20,7 +21,9 @@ App* g_app_instance = nullptr;  // how the signal handler finds the application;
 /// GTK refuses, and the program carries on into it.
 void signal_handler(int)
 {
+    const int error = errno;  // of whatever the signal has interrupted
     gtk_main_quit();
+    errno = error;
 }
 
 /// Load of the CPU at that position, or 0.0 if there is none: CPUs can go away while their cards stay.
