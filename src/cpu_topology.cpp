@@ -175,6 +175,7 @@ std::uint64_t highest_freq_khz(const std::vector<std::int32_t>& cpus)
 std::vector<std::pair<std::uint64_t, std::string>> rank_types(const std::map<std::string, std::vector<std::int32_t>>& groups)
 {
     std::vector<std::pair<std::uint64_t, std::string>> ranked;
+    ranked.reserve(groups.size());
     for (const auto& [type, cpus] : groups) {
         ranked.emplace_back(highest_freq_khz(cpus), type);
     }

@@ -489,6 +489,7 @@ std::vector<double> SystemMetrics::read_frequencies() const
 std::vector<double> SystemMetrics::read_max_frequencies(int core_count)
 {
     std::vector<double> out;
+    out.reserve(static_cast<std::size_t>(std::max(core_count, 0)));
     CpuFile file(MAX_FREQ);
     for (int i = 0; i < core_count; ++i) {
         out.push_back(static_cast<double>(read_number<std::uint64_t>(file.of(i)).value_or(0)) / KHZ_PER_MHZ);
