@@ -358,7 +358,7 @@ def test_nothing_is_left_behind(make: Callable[[], Display], probe: Path) -> Non
         assert int(stray.stdout()) in pids
         assert len(pids) >= 4  # bus, server, probe, sleep
     assert processes_with("XDG_RUNTIME_DIR", runtime_dir) == []
-    assert [pid for pid in pids if not ended(pid)] == []
+    wait_until(lambda: all(ended(pid) for pid in pids), TIMEOUT, "the end of all that the display had started")
     assert not display.folder.exists()
     if isinstance(display, XDisplay):
         number = display.number  # another worker's display may have it by now
