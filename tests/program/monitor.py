@@ -261,8 +261,11 @@ class Monitor:
 
 
 def _with_environment(variables: Mapping[str, str | None]) -> list[str]:
-    """A command that runs the one behind it with exactly these variables."""
-    return ["env", "-i", *(f"{name}={value}" for name, value in variables.items() if value is not None)]
+    """A command that runs the one behind it with exactly these variables.
+
+    And with no signal ignored: a shell lets what it starts in the background ignore SIGINT.
+    """
+    return ["env", "--default-signal", "-i", *(f"{name}={value}" for name, value in variables.items() if value is not None)]
 
 
 # --- holding the program up ---
