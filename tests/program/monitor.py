@@ -265,7 +265,8 @@ def _with_environment(variables: Mapping[str, str | None]) -> list[str]:
 
     And with no signal ignored: a shell lets what it starts in the background ignore SIGINT.
     """
-    return ["env", "--default-signal", "-i", *(f"{name}={value}" for name, value in variables.items() if value is not None)]
+    settings = [f"{name}={value}" for name, value in variables.items() if value is not None]
+    return ["env", "--default-signal", "-i", *settings]
 
 
 # --- holding the program up ---
