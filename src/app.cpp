@@ -17,11 +17,17 @@ constexpr int FIRST_START_COLUMNS = 1;
 
 App* g_app_instance = nullptr;  // how the signal handler finds the application; never reset
 
-/// SIGINT and SIGTERM: ends the main loop. Runs in signal context, at the instants that SignalGate allows. Before the main loop runs
-/// GTK refuses, and the program carries on into it.
+/// SIGINT and SIGTERM: saves the geometry, with the position as reported even on Wayland and in the middle of a rebuild, and ends the
+/// main loop. Runs in signal context, at the instants that SignalGate allows. Before the main loop runs GTK refuses to end it, and
+/// the program carries on into it.
 void signal_handler(int)
 {
     const int error = errno;  // of whatever the signal has interrupted
+    if (g_app_instance != nullptr) {
+        const WindowRect rect = WindowRect::of(g_app_instance->window());
+        WindowManager::instance().save(rect.x, rect.y, rect.width, rect.height, g_app_instance->num_columns(),
+                                       g_app_instance->is_horizontal());
+    }
     gtk_main_quit();
     errno = error;
 }
@@ -66,7 +72,8 @@ int App::run(int argc, char** argv)
     gtk_widget_set_default_direction(I18n::instance().is_rtl() ? GTK_TEXT_DIR_RTL : GTK_TEXT_DIR_LTR);
     m_horizontal = SettingsStore::instance().get().is_horizontal();
     m_clusters = CpuTopology::detect(m_sys_metrics->get_core_count());
-    m_num_columns = FIRST_START_COLUMNS;
+    const WindowGeometry stored = WindowManager::instance().load(m_horizontal);
+    m_num_columns = stored.valid ? stored.num_columns : FIRST_START_COLUMNS;
     create_window();
     gtk_widget_show_all(m_window);
     m_cpu_reader->start();
@@ -79,7 +86,10 @@ int App::run(int argc, char** argv)
 
 gboolean App::on_update(gpointer data)
 {
-    static_cast<App*>(data)->update();
+    App& app = *static_cast<App*>(data);
+    if (app.m_window != nullptr) {  // else it was closed in the same turn of the main loop, and its labels are gone
+        app.update();
+    }
     return G_SOURCE_CONTINUE;  // the tick lives as long as the main loop
 }
 

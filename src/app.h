@@ -13,6 +13,7 @@
 #include "cpu_topology.h"
 #include "system_metrics.h"
 #include "theme.h"
+#include "window_manager.h"
 
 /// What a chart shows; attached to its drawing area as object data "meta" and freed with it.
 struct ChartMeta {
@@ -20,10 +21,22 @@ struct ChartMeta {
     std::int32_t color_index = -1;  ///< group colour 0 to 3, or -1 for the total colour
 };
 
+/// Where a window stands and how large it is, in pixels. On Wayland a client can't learn the position.
+struct WindowRect {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+
+    /// What GTK reports of a window at present.
+    static WindowRect of(GtkWidget* window);
+};
+
 /// The one application object; main thread only.
-///   app.cpp         life cycle, tick         app_cards.cpp   cards, section headers, total panel
-///   app_window.cpp  window and monitor       app_layout.cpp  the tree, placement, sizes, card titles
-///   app_charts.cpp  painting                 app_status.cpp  throttle label, info line
+///   app.cpp         life cycle, tick         app_cards.cpp    cards, section headers, total panel
+///   app_window.cpp  window and geometry      app_layout.cpp   the tree, placement, sizes, card titles
+///   app_charts.cpp  painting                 app_rebuild.cpp  change of columns and orientation
+///   app_status.cpp  throttle label, info line
 class App {
 public:
     // --- app.cpp: life cycle and tick ---
@@ -89,11 +102,22 @@ private:
     /// The byte of a colour channel from 0.0 to 1.0 as labels show it: cut towards zero.
     static unsigned label_byte(double channel) { return static_cast<unsigned>(channel * 255); }
 
-    // --- app_window.cpp: the window and its monitor ---
+    // --- app_window.cpp: the window, its monitor and its geometry ---
 
     void create_window();
-    void place_window(int width, int height);
+    /// The stored width and height where they are sane, else the defaults of the orientation.
+    void initial_window_size(const WindowGeometry& stored, int& width, int& height) const;
+    void place_window(const WindowGeometry& stored, int width, int height);
     void limit_window_size();
+    static gboolean on_configure(GtkWidget* widget, GdkEventConfigure* ev, gpointer data);
+    static gboolean on_delete(GtkWidget* widget, GdkEvent* event, gpointer data);
+    WindowRect rect_to_remember() const;
+    /// Makes that the record of the orientation in force.
+    void save_geometry(const WindowRect& rect) const;
+    /// Writes to standard error if the environment variable VANTRIC_TRACE exists at that moment.
+    static void trace(const char* format, ...) G_GNUC_PRINTF(1, 2);
+    /// The orientation as traces name it.
+    const char* orientation_word() const { return m_horizontal ? "horiz" : "vert"; }
     /// False without a display.
     static bool running_on_wayland();
     /// The primary monitor, else the one on which `widget` stands, else the first; null if there is none. Both may be null.
@@ -132,6 +156,22 @@ private:
     void update_info_line();
     int info_line_width() const;
     std::string longest_fitting(const std::vector<std::string>& candidates, int avail) const;
+
+    // --- app_rebuild.cpp: changes of shape while the program runs ---
+
+    /// Applies a new number of columns, at least 1: moves the cards, gives the window its default size for them and saves that.
+    /// Does not replace m_core_grid, so the kind of container must be the one that the number needs.
+    void relayout_cores(int columns);
+    /// Replaces everything inside the window by the layout of the orientation in the settings, at the geometry stored for that
+    /// orientation. Never call it from a handler of a widget that it destroys: see queue_rebuild_layout().
+    void rebuild_layout();
+    /// Calls rebuild_layout() once from the main loop. Requests are not merged.
+    void queue_rebuild_layout();
+    void release_sections();
+    void enter_stored_geometry(const WindowGeometry& stored, const WindowRect& left, int width, int height);
+    GdkPoint rebuild_target(const WindowGeometry& stored, const WindowRect& left, int width, int height) const;
+    static gboolean on_pending_move(gpointer data);
+    static gboolean on_settled(gpointer data);
 
     // --- app_cards.cpp: the widget groups ---
 
@@ -172,7 +212,7 @@ private:
     /// Charts take what height the cards leave them, so there is nothing to adapt.
     void adapt_chart_heights(int) {}
 
-    GtkWidget* m_window = nullptr;
+    GtkWidget* m_window = nullptr;  ///< null again once it is closed
     GtkWidget* m_cpu_label = nullptr;
     GtkWidget* m_info_label = nullptr;
     GtkWidget* m_right_info_label = nullptr;  ///< temperature and power
@@ -190,12 +230,12 @@ private:
     std::unique_ptr<CPUReader> m_cpu_reader;
     std::unique_ptr<SystemMetrics> m_sys_metrics;
     std::vector<CpuCluster> m_clusters;
-    std::int32_t m_num_columns = 4;  ///< replaced by run()
-    bool m_horizontal = false;       ///< replaced by run()
-    bool m_freeze_geometry_save = false;
-    std::int32_t m_pending_move_x = 0;
+    std::int32_t m_num_columns = 4;       ///< replaced by run()
+    bool m_horizontal = false;            ///< replaced by run()
+    bool m_freeze_geometry_save = false;  ///< a rebuild is on its way: on_configure() saves nothing
+    std::int32_t m_pending_move_x = 0;    ///< where the delayed move of a rebuild will put the window
     std::int32_t m_pending_move_y = 0;
-    std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation
+    std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
     std::int32_t m_last_window_w = 0;
     bool m_dark = false;  ///< the resolved theme
     guint m_portal_sub = 0;

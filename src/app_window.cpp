@@ -1,5 +1,7 @@
-/// The window: how it is made, where it first stands, and on which monitor.
-#include <algorithm>
+/// The window: how it is made, where it stands, on which monitor, and what is remembered of that.
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 
 #include "app.h"
 
@@ -9,6 +11,9 @@ constexpr const char* TITLE = "Vantric";
 constexpr int WINDOW_PADDING = 8;  // of the default width, beside the columns
 constexpr int DEFAULT_HEIGHT = 700;
 constexpr int MIN_SIZE = 150;
+constexpr int MIN_STORED_HEIGHT = 101;  // outside these a stored height is taken for damage
+constexpr int MAX_STORED_HEIGHT = 2999;
+constexpr const char* TRACE_VARIABLE = "VANTRIC_TRACE";
 
 GdkRectangle geometry_of(GdkMonitor* monitor)
 {
@@ -27,27 +32,49 @@ void App::create_window()
     gtk_window_set_type_hint(GTK_WINDOW(m_window), GDK_WINDOW_TYPE_HINT_UTILITY);
     gtk_window_set_resizable(GTK_WINDOW(m_window), TRUE);
 
-    int width = calc_window_w(m_num_columns);
-    int height = DEFAULT_HEIGHT;
-    if (m_horizontal) {
-        default_horizontal_size(width, height);
-    }
+    const WindowGeometry stored = WindowManager::instance().load(m_horizontal);
+    int width = 0;
+    int height = 0;
+    initial_window_size(stored, width, height);
     gtk_window_set_default_size(GTK_WINDOW(m_window), width, height);
-    place_window(width, height);
+    place_window(stored, width, height);
     limit_window_size();
 
     g_signal_connect(m_window, "destroy", G_CALLBACK(gtk_main_quit), nullptr);
+    g_signal_connect(m_window, "destroy", G_CALLBACK(gtk_widget_destroyed), &m_window);
+    g_signal_connect(m_window, "delete-event", G_CALLBACK(on_delete), this);
+    g_signal_connect(m_window, "configure-event", G_CALLBACK(on_configure), this);
     g_signal_connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc), this);
     build_layout();
 }
 
-/// Centres the window on the monitor. A Wayland client has no say in that.
-void App::place_window(int width, int height)
+void App::initial_window_size(const WindowGeometry& stored, int& width, int& height) const
+{
+    width = calc_window_w(m_num_columns);
+    height = DEFAULT_HEIGHT;
+    if (m_horizontal) {
+        default_horizontal_size(width, height);
+    }
+    if (!stored.valid) {
+        return;
+    }
+    if (stored.width > 0) {
+        width = stored.width;
+    }
+    if (stored.height >= MIN_STORED_HEIGHT && stored.height <= MAX_STORED_HEIGHT) {
+        height = stored.height;
+    }
+}
+
+/// Puts the window where it stood last, wherever that is, or centres it on the monitor. A Wayland client has no say in that.
+void App::place_window(const WindowGeometry& stored, int width, int height)
 {
     if (running_on_wayland()) {
         return;
     }
-    if (GdkMonitor* monitor = usable_monitor(gdk_display_get_default(), m_window)) {
+    if (stored.valid) {
+        gtk_window_move(GTK_WINDOW(m_window), stored.x, stored.y);
+    } else if (GdkMonitor* monitor = usable_monitor(gdk_display_get_default(), m_window)) {
         const GdkRectangle area = geometry_of(monitor);
         gtk_window_move(GTK_WINDOW(m_window), area.x + (area.width - width) / 2, area.y + (area.height - height) / 2);
     }
@@ -69,6 +96,64 @@ void App::limit_window_size()
         }
     }
     gtk_window_set_geometry_hints(GTK_WINDOW(m_window), nullptr, &limits, static_cast<GdkWindowHints>(hints));
+}
+
+/// Follows each move and change of size. The size is the event's, which is newer than what GTK reports.
+gboolean App::on_configure(GtkWidget*, GdkEventConfigure* ev, gpointer data)
+{
+    const App& app = *static_cast<App*>(data);
+    if (app.m_freeze_geometry_save) {
+        return FALSE;
+    }
+    WindowRect rect = app.rect_to_remember();
+    rect.width = ev->width;
+    rect.height = ev->height;
+    trace("[trace] configure(%s): %dx%d at %d,%d\n", app.orientation_word(), rect.width, rect.height, rect.x, rect.y);
+    app.save_geometry(rect);
+    return FALSE;
+}
+
+gboolean App::on_delete(GtkWidget*, GdkEvent*, gpointer data)
+{
+    const App& app = *static_cast<App*>(data);
+    app.save_geometry(app.rect_to_remember());
+    return FALSE;
+}
+
+/// Where the window is, except on Wayland: there the stored position stays, since nobody can tell a newer one.
+WindowRect App::rect_to_remember() const
+{
+    WindowRect rect = WindowRect::of(m_window);
+    if (running_on_wayland()) {
+        const WindowGeometry stored = WindowManager::instance().load(m_horizontal);
+        rect.x = stored.valid ? stored.x : 0;
+        rect.y = stored.valid ? stored.y : 0;
+    }
+    return rect;
+}
+
+void App::save_geometry(const WindowRect& rect) const
+{
+    WindowManager::instance().save(rect.x, rect.y, rect.width, rect.height, m_num_columns, m_horizontal);
+}
+
+void App::trace(const char* format, ...)
+{
+    if (std::getenv(TRACE_VARIABLE) == nullptr) {
+        return;
+    }
+    std::va_list values;
+    va_start(values, format);
+    std::vfprintf(stderr, format, values);
+    va_end(values);
+}
+
+WindowRect WindowRect::of(GtkWidget* window)
+{
+    WindowRect rect;
+    gtk_window_get_position(GTK_WINDOW(window), &rect.x, &rect.y);
+    gtk_window_get_size(GTK_WINDOW(window), &rect.width, &rect.height);
+    return rect;
 }
 
 bool App::running_on_wayland()

@@ -1,16 +1,14 @@
 #include "settings.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
-#include <iterator>
-#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "i18n.h"
+#include "saved_file.h"
 
 namespace {
 
@@ -31,16 +29,6 @@ auto fields(SettingsT& s)
         list.emplace_back("group" + std::to_string(i), &s.groups[i]);
     }
     return list;
-}
-
-/// The whole file as text; empty if it can't be opened. What could be read before an error counts: a directory, for one, can be
-/// opened, and fails at the first read.
-std::string read_whole(const std::string& path)
-{
-    const std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();  // turns an exception of the buffer into a state bit, which an istreambuf_iterator would let out
-    return text.str();
 }
 
 /// The first text in double quotation marks behind the first colon behind the first "key" (quotation marks included); empty if
@@ -135,7 +123,7 @@ SettingsStore& SettingsStore::instance()
 
 void SettingsStore::load()
 {
-    const std::string text = read_whole(path());
+    const std::string text = read_file(path());
     for (const auto& [key, field] : fields(m_settings)) {
         const std::string value = read_string(text, key);
         if (is_valid(key, value)) {
@@ -168,21 +156,4 @@ void SettingsStore::save() const
 std::string SettingsStore::path() const
 {
     return config_file_path(FILE_NAME);
-}
-
-std::string config_file_path(const std::string& file_name)
-{
-    std::string directory;
-    if (const char* snap = std::getenv("SNAP_USER_COMMON")) {
-        directory = std::string(snap) + "/config";
-    } else {
-        const char* home = std::getenv("HOME");
-        directory = std::string(home ? home : ".") + "/.config/Vantric";
-    }
-    try {
-        std::filesystem::create_directories(directory);
-    } catch (...) {
-        // a read-only or missing home: the caller's open fails, and with it only this one load or save
-    }
-    return directory + "/" + file_name;
 }

@@ -61,7 +61,3 @@ private:
 
     Settings m_settings;
 };
-
-/// Where the saved file of that name stands: in "$SNAP_USER_COMMON/config" under Snap, else in "$HOME/.config/Vantric" (in
-/// "./.config/Vantric" without HOME). Creates the directory if it can; a directory that can't be created shows as a failed open.
-std::string config_file_path(const std::string& file_name);

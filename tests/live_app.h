@@ -160,6 +160,13 @@ inline std::vector<CpuCluster> make_clusters(const std::vector<int>& sizes)
     return clusters;
 }
 
+/// Takes an App's timers and idle callbacks out of the main loop, as the end of the process would.
+inline void drop_sources(App& app)
+{
+    while (g_source_remove_by_user_data(&app)) {
+    }
+}
+
 /// An App without main loop and sampling threads.
 struct IdleApp : App {
     IdleApp() = default;
@@ -170,6 +177,7 @@ struct IdleApp : App {
     }
     ~IdleApp()
     {
+        drop_sources(*this);
         if (m_window != nullptr) {
             // No main loop of App's own is there that the window's end could end
             g_signal_handlers_disconnect_by_func(m_window, reinterpret_cast<gpointer>(gtk_main_quit), nullptr);
@@ -228,8 +236,6 @@ inline int run_app(App& app, const std::function<void()>& test, End end = End::A
     std::string name = "vantric";
     char* argv[] = {name.data(), nullptr};
     const int status = app.run(1, argv);
-    while (g_source_remove_by_user_data(&app)) {
-        // the tick goes, as it would with the process
-    }
+    drop_sources(app);
     return status;
 }

@@ -10,6 +10,7 @@
 
 #include "fake_machine.h"
 #include "i18n.h"
+#include "saved_file.h"
 
 using testing::Contains;
 using testing::ElementsAre;

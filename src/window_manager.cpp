@@ -1,0 +1,90 @@
+#include "window_manager.h"
+
+#include <algorithm>
+#include <exception>
+#include <fstream>
+#include <string>
+
+#include "saved_file.h"
+
+namespace {
+
+constexpr const char* FILE_NAME = "geometry.json";
+constexpr int MIN_COLUMNS = 1;
+constexpr int MAX_COLUMNS = 16;
+
+/// What sets the keys of an orientation apart.
+std::string prefix_for(bool horizontal)
+{
+    return horizontal ? "h_" : "";
+}
+
+/// The number behind the first "key": (the colon right behind the quotation mark), or `def` if there is none that fits in 32 bits.
+/// A flat scan on purpose, as in the settings: whatever stands in the file must not keep the program from starting. The quotation
+/// mark in front keeps "x" from being found in "h_x".
+int parse_int(const std::string& json, const std::string& key, int def)
+{
+    const std::string needle = '"' + key + "\":";
+    const auto found = json.find(needle);
+    if (found == std::string::npos) {
+        return def;
+    }
+    try {
+        return std::stoi(json.substr(found + needle.size()));
+    } catch (const std::exception&) {
+        return def;
+    }
+}
+
+WindowGeometry parse_set(const std::string& json, bool horizontal)
+{
+    const std::string prefix = prefix_for(horizontal);
+    WindowGeometry geometry;
+    geometry.x = parse_int(json, prefix + "x", 0);
+    geometry.y = parse_int(json, prefix + "y", 0);
+    geometry.width = parse_int(json, prefix + "width", 0);
+    geometry.height = parse_int(json, prefix + "height", 0);
+    geometry.num_columns = std::clamp(parse_int(json, prefix + "num_columns", geometry.num_columns), MIN_COLUMNS, MAX_COLUMNS);
+    geometry.valid = geometry.width > 0;
+    return geometry;
+}
+
+void write_set(std::ostream& out, const WindowGeometry& geometry, bool horizontal)
+{
+    const std::string prefix = prefix_for(horizontal);
+    out << '"' << prefix << "x\":" << geometry.x << ",\"" << prefix << "y\":" << geometry.y << ",\"" << prefix
+        << "width\":" << geometry.width << ",\"" << prefix << "height\":" << geometry.height << ",\"" << prefix
+        << "num_columns\":" << geometry.num_columns;
+}
+
+}  // namespace
+
+WindowManager& WindowManager::instance()
+{
+    static WindowManager manager;
+    return manager;
+}
+
+void WindowManager::save(int x, int y, int width, int height, int num_columns, bool horizontal)
+{
+    const std::string path = get_config_path();
+    const WindowGeometry other = parse_set(read_file(path), !horizontal);
+    const WindowGeometry mine{.x = x, .y = y, .width = width, .height = height, .num_columns = num_columns};
+    std::ofstream out(path);
+    out << '{';
+    write_set(out, horizontal ? other : mine, false);
+    out << ',';
+    write_set(out, horizontal ? mine : other, true);
+    out << '}';
+}
+
+WindowGeometry WindowManager::load(bool horizontal) const
+{
+    const std::string text = read_file(get_config_path());
+    return text.empty() ? WindowGeometry() : parse_set(text, horizontal);
+}
+
+std::string WindowManager::get_config_path() const
+{
+    return config_file_path(FILE_NAME);
+}
