@@ -69,12 +69,14 @@ int App::run(int argc, char** argv)
     gtk_init(&argc, &argv);
     SettingsStore::instance().load();
     I18n::instance().set_language(SettingsStore::instance().get().language);
-    gtk_widget_set_default_direction(I18n::instance().is_rtl() ? GTK_TEXT_DIR_RTL : GTK_TEXT_DIR_LTR);
+    apply_text_direction();
     m_horizontal = SettingsStore::instance().get().is_horizontal();
     m_clusters = CpuTopology::detect(m_sys_metrics->get_core_count());
     const WindowGeometry stored = WindowManager::instance().load(m_horizontal);
     m_num_columns = stored.valid ? stored.num_columns : FIRST_START_COLUMNS;
     create_window();
+    apply_theme();
+    watch_system_theme();
     gtk_widget_show_all(m_window);
     m_cpu_reader->start();
     m_sys_metrics->start();
@@ -153,14 +155,14 @@ void App::update_card(const CoreWidgets& widgets)
 
 void App::set_markup(GtkWidget* label, const char* markup)
 {
-    if (std::strcmp(gtk_label_get_label(GTK_LABEL(label)), markup) != 0) {
+    if (label != nullptr && std::strcmp(gtk_label_get_label(GTK_LABEL(label)), markup) != 0) {
         gtk_label_set_markup(GTK_LABEL(label), markup);
     }
 }
 
 void App::set_text(GtkWidget* label, const char* text)
 {
-    if (std::strcmp(gtk_label_get_label(GTK_LABEL(label)), text) != 0) {
+    if (label != nullptr && std::strcmp(gtk_label_get_label(GTK_LABEL(label)), text) != 0) {
         gtk_label_set_text(GTK_LABEL(label), text);
     }
 }

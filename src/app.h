@@ -36,7 +36,8 @@ struct WindowRect {
 ///   app.cpp         life cycle, tick         app_cards.cpp    cards, section headers, total panel
 ///   app_window.cpp  window and geometry      app_layout.cpp   the tree, placement, sizes, card titles
 ///   app_charts.cpp  painting                 app_rebuild.cpp  change of columns and orientation
-///   app_status.cpp  throttle label, info line
+///   app_status.cpp  throttle label, info line app_theme.cpp    light and dark, the stylesheet
+///   app_settings.cpp the settings dialog      app_language.cpp language change while running
 class App {
 public:
     // --- app.cpp: life cycle and tick ---
@@ -175,13 +176,19 @@ private:
 
     // --- app_cards.cpp: the widget groups ---
 
+    /// "Performance (8)", in the current language.
+    static std::string section_title(const CpuCluster& cluster);
+    /// "Core 5" for the CPU at position 4, in the current language.
+    static std::string card_title(std::int32_t cpu_index);
     GtkWidget* create_core_card(int cpu_index, int color_index);
     GtkWidget* create_section_header(const CpuCluster& cluster);
     /// The rated clock of a section, such as "3.600 GHz" or "800 MHz".
     static std::string frequency_caption(double mhz);
     /// `extra` goes on top of the panel; may be null. Sets m_right_info_label, m_throttle_label and m_total_chart.
     GtkWidget* create_total_panel(GtkWidget* extra);
-    GtkWidget* create_status_row();
+    GtkWidget* create_status_row(GtkWidget* panel);
+    /// Tells screen readers, in the current language, what the gear and the total chart are.
+    void name_status_widgets();
     GtkWidget* create_chart(const ChartMeta& meta, int min_height);
 
     // --- app_layout.cpp: the tree under the window ---
@@ -212,6 +219,61 @@ private:
     /// Charts take what height the cards leave them, so there is nothing to adapt.
     void adapt_chart_heights(int) {}
 
+    // --- app_theme.cpp: light and dark, the stylesheet ---
+
+    /// Decides between light and dark and puts the stylesheet on the screen. May wait for the portal: see system_prefers_dark().
+    void apply_theme();
+    /// Calls apply_theme() once from the main loop.
+    void queue_apply_theme();
+    /// Whether the theme in the settings is dark at this moment; "auto" and unknown words ask the desktop.
+    bool resolve_dark() const;
+    /// Asks the XDG desktop portal for the colour scheme, at most half a second, else GTK's own settings. Blocks meanwhile.
+    static bool system_prefers_dark();
+    /// Follows the portal's changes from now on.
+    void watch_system_theme();
+    static void on_portal_setting_changed(GDBusConnection* connection, const gchar* sender, const gchar* path, const gchar* interface,
+                                          const gchar* signal, GVariant* parameters, gpointer data);
+
+    // --- app_language.cpp: another language in the running interface ---
+
+    /// Makes the current language's direction GTK's default.
+    static void apply_text_direction();
+    /// Puts the whole interface into the current language, with no new window.
+    void retranslate();
+    void relabel_sections();
+    static void relabel_card(CoreWidgets& widgets);
+
+    // --- app_settings.cpp: the settings dialog, a window of its own behind the gear ---
+
+    GtkWidget* create_settings_popover();
+    /// Fills the dialog's box with everything that can be chosen, in the current language and scheme.
+    void build_settings_content(GtkWidget* box);
+    GtkWidget* create_orientation_row();
+    GtkWidget* create_columns_frame();
+    GtkWidget* create_language_row();
+    GtkWidget* create_theme_row();
+    GtkWidget* create_colors_expander();
+    void add_cluster_color_rows(GtkWidget* box);
+    void add_color_row(GtkWidget* box, const char* label, const std::string& slot);
+    /// A colour that does not parse shows as black. The row's object data "button" is its GtkColorButton.
+    GtkWidget* color_row(const char* label, const char* hex, GCallback on_set, gpointer data);
+    /// Builds the content afresh from the main loop, if the dialog was ever opened: what asks for it stands in that content.
+    void rebuild_settings_content();
+    void replace_settings_content();
+    void save_settings() const;
+    /// Counts the columns of the next layout up or down; the cards stay where they are until "Apply".
+    void step_columns(int step);
+
+    static void on_settings_clicked(GtkWidget* widget, gpointer data);
+    static void on_fewer_columns(GtkWidget* widget, gpointer data);
+    static void on_more_columns(GtkWidget* widget, gpointer data);
+    static void on_apply_columns(GtkWidget* widget, gpointer data);
+    static void on_orientation_changed(GtkComboBox* combo, gpointer data);
+    static void on_language_changed(GtkComboBox* combo, gpointer data);
+    static void on_theme_changed(GtkComboBox* combo, gpointer data);
+    static void on_color_set(GtkColorButton* button, gpointer data);
+    static void on_reset_colors(GtkWidget* widget, gpointer data);
+
     GtkWidget* m_window = nullptr;  ///< null again once it is closed
     GtkWidget* m_cpu_label = nullptr;
     GtkWidget* m_info_label = nullptr;
@@ -219,12 +281,12 @@ private:
     GtkWidget* m_total_chart = nullptr;
     GtkWidget* m_total_panel = nullptr;
     GtkWidget* m_throttle_label = nullptr;
-    GtkWidget* m_core_grid = nullptr;  ///< a GtkGrid, or a vertical GtkBox of rows
-    GtkWidget* m_settings_popover = nullptr;
-    GtkWidget* m_settings_box = nullptr;
+    GtkWidget* m_core_grid = nullptr;         ///< a GtkGrid, or a vertical GtkBox of rows
+    GtkWidget* m_settings_popover = nullptr;  ///< the settings dialog; null until first opened, then kept
+    GtkWidget* m_settings_box = nullptr;      ///< its one child, which survives changes of the content
     GtkWidget* m_colors_expander = nullptr;
-    GtkWidget* m_col_label = nullptr;
-    GtkCssProvider* m_css = nullptr;  ///< owned
+    GtkWidget* m_col_label = nullptr;  ///< the number of columns in the dialog
+    GtkCssProvider* m_css = nullptr;   ///< owned
     std::vector<ClusterUI> m_clusters_ui;
     Cache m_cache;
     std::unique_ptr<CPUReader> m_cpu_reader;
@@ -237,6 +299,6 @@ private:
     std::int32_t m_pending_move_y = 0;
     std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
     std::int32_t m_last_window_w = 0;
-    bool m_dark = false;  ///< the resolved theme
-    guint m_portal_sub = 0;
+    bool m_dark = false;     ///< the resolved theme; written by apply_theme() alone
+    guint m_portal_sub = 0;  ///< subscription to the portal's signal; 0 if there is none
 };

@@ -3,6 +3,7 @@
 
 #include "app.h"
 #include "i18n.h"
+#include "widget_building.h"
 
 namespace {
 
@@ -11,32 +12,6 @@ constexpr int CARD_CHART_MIN_HEIGHT = 1;  // cards share whatever height the win
 constexpr int COLOR_BAR_WIDTH = 3;
 constexpr int COLOR_BAR_HEIGHT = 14;
 constexpr int STATUS_LABEL_PADDING = 4;
-
-enum class Fill : bool { NO, YES };
-
-void pack_start(GtkWidget* box, GtkWidget* child, Fill fill, guint padding = 0)
-{
-    const gboolean on = fill == Fill::YES;
-    gtk_box_pack_start(GTK_BOX(box), child, on, on, padding);
-}
-
-void pack_end(GtkWidget* box, GtkWidget* child, guint padding = 0)
-{
-    gtk_box_pack_end(GTK_BOX(box), child, FALSE, FALSE, padding);
-}
-
-void add_class(GtkWidget* widget, const char* css_class)
-{
-    gtk_style_context_add_class(gtk_widget_get_style_context(widget), css_class);
-}
-
-GtkWidget* create_label(const std::string& text, double xalign, const char* css_class)
-{
-    GtkWidget* label = gtk_label_new(text.c_str());
-    gtk_label_set_xalign(GTK_LABEL(label), static_cast<float>(xalign));
-    add_class(label, css_class);
-    return label;
-}
 
 GtkWidget* create_markup_label(double xalign, const char* css_class)
 {
@@ -50,15 +25,19 @@ void delete_meta(gpointer meta)
     delete static_cast<ChartMeta*>(meta);
 }
 
-/// "Performance (8)".
-std::string section_title(const CpuCluster& cluster)
+}  // namespace
+
+std::string App::section_title(const CpuCluster& cluster)
 {
     char text[96];
     std::snprintf(text, sizeof text, "%s (%d)", cluster.display_name().c_str(), static_cast<int>(cluster.cpu_indices.size()));
     return text;
 }
 
-}  // namespace
+std::string App::card_title(std::int32_t cpu_index)
+{
+    return I18n::instance().trf("Core %d", cpu_index + 1);
+}
 
 GtkWidget* App::create_core_card(int cpu_index, int color_index)
 {
@@ -68,7 +47,7 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
     gtk_widget_set_vexpand(card, TRUE);
 
     GtkWidget* title_row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
-    GtkWidget* name_label = create_label(I18n::instance().trf("Core %d", cpu_index + 1), 0.0, "core-label");
+    GtkWidget* name_label = create_label(card_title(cpu_index), 0.0, "core-label");
     gtk_label_set_ellipsize(GTK_LABEL(name_label), PANGO_ELLIPSIZE_END);
     pack_start(title_row, name_label, Fill::YES);
     GtkWidget* pct_label = gtk_label_new("0%");
@@ -79,6 +58,7 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
 
     GtkWidget* chart = create_chart({cpu_index, color_index}, CARD_CHART_MIN_HEIGHT);
     gtk_widget_set_vexpand(chart, TRUE);
+    set_accessible_name(chart, card_title(cpu_index));
     pack_start(card, chart, Fill::YES);
 
     g_object_set_data(G_OBJECT(card), "chart", chart);
@@ -127,7 +107,7 @@ GtkWidget* App::create_total_panel(GtkWidget* extra)
     if (extra != nullptr) {
         pack_start(panel, extra, Fill::NO);
     }
-    pack_start(panel, create_status_row(), Fill::NO);
+    pack_start(panel, create_status_row(panel), Fill::NO);
 
     m_total_chart = create_chart({.cpu_index = -1, .color_index = -1}, TOTAL_CHART_MIN_HEIGHT);
     if (m_horizontal) {
@@ -138,7 +118,7 @@ GtkWidget* App::create_total_panel(GtkWidget* extra)
 }
 
 /// Settings button, temperature and power, throttle readout.
-GtkWidget* App::create_status_row()
+GtkWidget* App::create_status_row(GtkWidget* panel)
 {
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
     GtkWidget* gear = gtk_button_new_with_label("⚙");
@@ -146,7 +126,9 @@ GtkWidget* App::create_status_row()
     add_class(gear, "gear-btn");
     gtk_button_set_relief(GTK_BUTTON(gear), GTK_RELIEF_NONE);
     gtk_widget_set_tooltip_text(gear, I18n::instance().tr("Settings"));
+    g_signal_connect(gear, "clicked", G_CALLBACK(on_settings_clicked), this);
     pack_start(row, gear, Fill::NO);
+    g_object_set_data(G_OBJECT(panel), "gear", gear);
 
     m_right_info_label = create_markup_label(0.0, "info-line");
     pack_start(row, m_right_info_label, Fill::NO, STATUS_LABEL_PADDING);
@@ -164,4 +146,13 @@ std::string App::frequency_caption(double mhz)
         std::snprintf(text, sizeof text, "%.0f MHz", mhz);
     }
     return text;
+}
+
+void App::name_status_widgets()
+{
+    if (m_total_panel == nullptr) {
+        return;
+    }
+    set_accessible_name(widget_of(m_total_panel, "gear"), I18n::instance().tr("Settings"));
+    set_accessible_name(m_total_chart, I18n::instance().tr("Total"));
 }

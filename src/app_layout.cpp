@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "app.h"
-#include "i18n.h"
+#include "widget_building.h"
 
 namespace {
 
@@ -24,11 +24,6 @@ constexpr const char* WIDEST_PERCENTAGE = "100%";
 int rounded_up_quotient(int count, int per)
 {
     return (count + per - 1) / per;
-}
-
-GtkWidget* widget_of(GtkWidget* owner, const char* key)
-{
-    return static_cast<GtkWidget*>(g_object_get_data(G_OBJECT(owner), key));
 }
 
 void detach(GtkWidget* widget)
@@ -72,6 +67,7 @@ void App::build_layout()
         m_total_panel = create_total_panel(nullptr);
     }
     gtk_box_pack_start(GTK_BOX(outer), m_total_panel, FALSE, FALSE, 0);
+    name_status_widgets();
 
     m_core_grid = create_core_grid();
     create_sections();
@@ -84,12 +80,12 @@ void App::build_layout()
 GtkWidget* App::create_header_block()
 {
     GtkWidget* header = gtk_box_new(GTK_ORIENTATION_VERTICAL, 1);
-    gtk_style_context_add_class(gtk_widget_get_style_context(header), "header");
+    add_class(header, "header");
 
     m_cpu_label = gtk_label_new(m_sys_metrics->get_cpu_name().c_str());
     gtk_label_set_xalign(GTK_LABEL(m_cpu_label), 0.0);
     gtk_label_set_line_wrap(GTK_LABEL(m_cpu_label), TRUE);
-    gtk_style_context_add_class(gtk_widget_get_style_context(m_cpu_label), "cpu-name");
+    add_class(m_cpu_label, "cpu-name");
     gtk_box_pack_start(GTK_BOX(header), m_cpu_label, FALSE, FALSE, 0);
 
     GtkWidget* info_row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
@@ -99,7 +95,7 @@ GtkWidget* App::create_header_block()
     gtk_label_set_line_wrap(GTK_LABEL(m_info_label), TRUE);
     gtk_label_set_line_wrap_mode(GTK_LABEL(m_info_label), PANGO_WRAP_WORD_CHAR);
     gtk_label_set_max_width_chars(GTK_LABEL(m_info_label), 1);  // so that its text never asks for a wider window
-    gtk_style_context_add_class(gtk_widget_get_style_context(m_info_label), "info-line");
+    add_class(m_info_label, "info-line");
     gtk_box_pack_start(GTK_BOX(info_row), m_info_label, TRUE, TRUE, 0);
     gtk_box_pack_start(GTK_BOX(header), info_row, FALSE, FALSE, 0);
     return header;
@@ -263,7 +259,7 @@ void App::fit_core_labels(int window_w)
 void App::fit_core_label(CoreWidgets& widgets, int card_width)
 {
     const int number = widgets.cpu_index + 1;
-    const std::string long_text = I18n::instance().trf("Core %d", number);
+    const std::string long_text = card_title(widgets.cpu_index);
     const int needed = text_width(widgets.name_label, long_text) + text_width(widgets.pct_label, WIDEST_PERCENTAGE) + TITLE_SLACK;
     const bool is_short = card_width < needed;
     if (is_short != widgets.short_label) {

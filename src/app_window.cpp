@@ -4,10 +4,10 @@
 #include <cstdlib>
 
 #include "app.h"
+#include "build_config.h"
 
 namespace {
 
-constexpr const char* TITLE = "Vantric";
 constexpr int WINDOW_PADDING = 8;  // of the default width, beside the columns
 constexpr int DEFAULT_HEIGHT = 700;
 constexpr int MIN_SIZE = 150;
@@ -27,7 +27,7 @@ GdkRectangle geometry_of(GdkMonitor* monitor)
 void App::create_window()
 {
     m_window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    gtk_window_set_title(GTK_WINDOW(m_window), TITLE);
+    gtk_window_set_title(GTK_WINDOW(m_window), BuildConfig::APP_NAME);
     gtk_window_set_keep_above(GTK_WINDOW(m_window), TRUE);
     gtk_window_set_type_hint(GTK_WINDOW(m_window), GDK_WINDOW_TYPE_HINT_UTILITY);
     gtk_window_set_resizable(GTK_WINDOW(m_window), TRUE);

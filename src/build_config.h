@@ -1,4 +1,4 @@
-/// The values that whoever builds the program may want to change, each with its default. CMake passes the build options of the same
+/// The program's name and version, and the values that whoever builds the program may want to change, each with its default. CMake passes the build options of the same
 /// names (cmake -D VANTRIC_WEB_SITE=...) as definitions; an option left empty keeps the default given here.
 #pragma once
 
@@ -15,6 +15,9 @@
 #endif
 
 namespace BuildConfig {
+
+inline constexpr const char* APP_NAME = "Vantric";
+inline constexpr const char* APP_VERSION = "1.15";
 
 inline constexpr const char* WEB_SITE = VANTRIC_WEB_SITE;                // behind a link of the about text
 inline constexpr const char* CONTACT_ADDRESS = VANTRIC_CONTACT_ADDRESS;  // likewise, as a mailto: link

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <utility>
 
 namespace {
 
@@ -48,6 +49,14 @@ gint poll_with_gate_open(GPollFD* fds, guint count, gint timeout_ms)
     return ready;
 }
 
+volatile std::sig_atomic_t g_interrupted = 0;  // came while a program was being started
+volatile std::sig_atomic_t g_terminated = 0;
+
+void note_signal(int sig)
+{
+    (sig == SIGINT ? g_interrupted : g_terminated) = 1;
+}
+
 }  // namespace
 
 void SignalGate::close()
@@ -63,4 +72,29 @@ void SignalGate::open_for_main_loop()
     sigdelset(&g_open_mask, SIGTERM);
     g_main_context_set_poll_func(nullptr, poll_with_gate_open);
     open();
+}
+
+/// A handler that only takes a note may run at any moment, so the gate can stand open; and a new program does not inherit handlers.
+SignalGate::ForNewPrograms::ForNewPrograms()
+{
+    struct sigaction note {};
+    note.sa_handler = note_signal;
+    note.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &note, &m_interrupt_action);
+    sigaction(SIGTERM, &note, &m_terminate_action);
+    const sigset_t set = gated_signals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+SignalGate::ForNewPrograms::~ForNewPrograms()
+{
+    close();
+    sigaction(SIGINT, &m_interrupt_action, nullptr);
+    sigaction(SIGTERM, &m_terminate_action, nullptr);
+    if (std::exchange(g_interrupted, 0) != 0) {
+        std::raise(SIGINT);  // waits for the gate
+    }
+    if (std::exchange(g_terminated, 0) != 0) {
+        std::raise(SIGTERM);
+    }
 }

@@ -4,6 +4,8 @@
 /// wait of the main loop. Threads started meanwhile inherit the block, which keeps the handler on the main thread. Main thread only.
 #pragma once
 
+#include <csignal>
+
 namespace SignalGate {
 
 /// Blocks both signals. One that comes meanwhile waits.
@@ -12,5 +14,19 @@ void close();
 /// Delivers what has been waiting and lets both signals through, until the default main context has polled for the first time;
 /// from then on it delivers them whenever it polls, and only then.
 void open_for_main_loop();
+
+/// Programs that are started during its life can be ended by both signals as usual, though a program inherits blocked signals from the
+/// one that starts it. A signal that comes meanwhile waits until the end of that life.
+class ForNewPrograms {
+public:
+    ForNewPrograms();
+    ~ForNewPrograms();
+    ForNewPrograms(const ForNewPrograms&) = delete;
+    ForNewPrograms& operator=(const ForNewPrograms&) = delete;
+
+private:
+    struct sigaction m_interrupt_action;  // what the signals did before
+    struct sigaction m_terminate_action;
+};
 
 }  // namespace SignalGate

@@ -1,9 +1,11 @@
-/// Colours: the record Rgb, the two built-in palettes, the built-in chart colours, and the helpers for "#RRGGBB" text.
-/// Pure functions and constants; any thread.
+/// Colours: the record Rgb, the two built-in palettes, the built-in chart colours, the helpers for "#RRGGBB" text, and the stylesheet
+/// that is made of them. Constants, and functions that keep nothing: any thread, but for build_css().
 #pragma once
 
 #include <array>
 #include <string>
+
+struct Settings;
 
 /// A colour; each channel is nominally 0.0 to 1.0.
 struct Rgb {
@@ -50,3 +52,7 @@ std::string rgb_to_hex(const Rgb& color);
 
 /// Blends two colour texts as mix() does. If either does not parse, the result is `a` exactly as it stands.
 std::string mix_hex(const std::string& a, const std::string& b, double t);
+
+/// The program's whole stylesheet: the user's colours for the palette's scheme, in the interface font of the current language.
+/// A colour that does not parse goes in as it stands. At most 4095 bytes; what is longer is cut. Main thread only.
+std::string build_css(const Settings& settings, const Palette& palette);

@@ -68,13 +68,16 @@ WindowManager& WindowManager::instance()
 void WindowManager::save(int x, int y, int width, int height, int num_columns, bool horizontal)
 {
     const std::string path = get_config_path();
-    const WindowGeometry other = parse_set(read_file(path), !horizontal);
+    const std::string content = read_file(path);
+    const WindowGeometry other = parse_set(content, !horizontal);
     const WindowGeometry mine{.x = x, .y = y, .width = width, .height = height, .num_columns = num_columns};
+    const WindowGeometry& v = horizontal ? other : mine;
+    const WindowGeometry& h = horizontal ? mine : other;
     std::ofstream out(path);
     out << '{';
-    write_set(out, horizontal ? other : mine, false);
+    write_set(out, v, false);
     out << ',';
-    write_set(out, horizontal ? mine : other, true);
+    write_set(out, h, true);
     out << '}';
 }
 

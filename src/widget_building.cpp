@@ -1,0 +1,35 @@
+#include "widget_building.h"
+
+void pack_start(GtkWidget* box, GtkWidget* child, Fill fill, guint padding)
+{
+    const gboolean on = fill == Fill::YES;
+    gtk_box_pack_start(GTK_BOX(box), child, on, on, padding);
+}
+
+void pack_end(GtkWidget* box, GtkWidget* child, guint padding)
+{
+    gtk_box_pack_end(GTK_BOX(box), child, FALSE, FALSE, padding);
+}
+
+void add_class(GtkWidget* widget, const char* css_class)
+{
+    gtk_style_context_add_class(gtk_widget_get_style_context(widget), css_class);
+}
+
+GtkWidget* create_label(const std::string& text, double xalign, const char* css_class)
+{
+    GtkWidget* label = gtk_label_new(text.c_str());
+    gtk_label_set_xalign(GTK_LABEL(label), static_cast<float>(xalign));
+    add_class(label, css_class);
+    return label;
+}
+
+void set_accessible_name(GtkWidget* widget, const std::string& name)
+{
+    atk_object_set_name(gtk_widget_get_accessible(widget), name.c_str());
+}
+
+GtkWidget* widget_of(GtkWidget* owner, const char* key)
+{
+    return static_cast<GtkWidget*>(g_object_get_data(G_OBJECT(owner), key));
+}
