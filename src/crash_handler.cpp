@@ -3,11 +3,11 @@
 #include "crash_handler.h"
 
 #include <execinfo.h>
-#include <limits.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -21,8 +21,8 @@ using namespace std::string_literals;
 
 namespace {
 
-constexpr const char* APP_NAME = "Vantric";
-constexpr const char* APP_VERSION = "1.15";
+using BuildConfig::APP_NAME;
+using BuildConfig::APP_VERSION;
 constexpr const char* REPORT_NAME = "Vantric_crash.txt";
 constexpr int MAX_FRAMES = 32;
 
@@ -219,6 +219,7 @@ void crashHandler(int sig)
 
 void CrashHandler::install()
 {
+    tzset();  // so that localtime need not load the time zone, with the allocator and a lock, in the middle of a crash
     struct sigaction action = {};
     action.sa_handler = crashHandler;
     sigemptyset(&action.sa_mask);

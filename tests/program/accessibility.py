@@ -1,4 +1,4 @@
-"""What a program tells a screen reader, read over the accessibility bus of its display.
+"""What a program tells a screen reader, read over the accessibility bus of its display, and what a screen reader can do there.
 
 Asked in plain D-Bus calls, many at a time: the usual library knows only one bus for each process, and waits for
 each answer by itself, which takes long with a thousand cards.
@@ -6,16 +6,27 @@ each answer by itself, which takes long with a thousand cards.
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterator, Sequence
+import enum
+from collections.abc import Callable, Collection, Iterator, Sequence
+from contextlib import contextmanager
 from dataclasses import dataclass, field
 from typing import Any, NamedTuple, Self
 
 from gi.repository import Gio, GLib
 
-ACCESSIBLE, COMPONENT, TEXT = (f"org.a11y.atspi.{name}" for name in ("Accessible", "Component", "Text"))
-WINDOW_COORDINATES = 1
+ACCESSIBLE, ACTION, COMPONENT, SELECTION, TEXT = (
+    f"org.a11y.atspi.{name}" for name in ("Accessible", "Action", "Component", "Selection", "Text"))
+NAME_CHANGE = "object:property-change:accessible-name"
+SCREEN_COORDINATES, WINDOW_COORDINATES = 0, 1
 AT_ONCE = 100  # calls; a bus refuses more than it wants to remember
 CALL_TIMEOUT_MS = 20_000  # a program that draws a thousand cards answers late
+
+
+class State(enum.IntEnum):
+    """What can be true of an object, by its number in the set that it gives."""
+    EXPANDED = 10
+    FOCUSED = 12
+    SHOWING = 25
 
 
 class Rect(NamedTuple):
@@ -54,6 +65,12 @@ class Node:
         yield self
         for child in self.children:
             yield from child.walk()
+
+
+class NameChange(NamedTuple):
+    """The news that an object has another name."""
+    address: Address
+    name: str
 
 
 class Call(NamedTuple):
@@ -96,8 +113,8 @@ class AccessibilityBus:
                 return Address(owner, path)
         return None
 
-    def tree(self, root: Address) -> Node:
-        """The object and all below it, as they are now."""
+    def tree(self, root: Address, closed: Collection[str] = ()) -> Node:
+        """The object and all below it, as they are now. What is inside objects of the closed roles is left out."""
         (top,) = self._look([root])
         generation = [top]
         while generation:
@@ -106,7 +123,7 @@ class AccessibilityBus:
             found = iter(self._look([one for children in addresses for one in children]))
             for node, children in zip(generation, addresses):
                 node.children = [next(found) for _ in children]
-            generation = [child for node in generation for child in node.children]
+            generation = [child for node in generation for child in node.children if child.role not in closed]
         return top
 
     def names(self, addresses: Sequence[Address]) -> list[str]:
@@ -122,6 +139,86 @@ class AccessibilityBus:
             return None
         red, green, blue = (int(part) >> 8 for part in attributes["fg-color"].split(","))  # 16 bits each
         return red, green, blue
+
+    def children(self, parent: Address) -> list[Address]:
+        (children,) = _call(self._bus, Call(parent, ACCESSIBLE, "GetChildren"))
+        return [Address(*one) for one in children]
+
+    def descriptions(self, addresses: Sequence[Address]) -> list[str]:
+        """What is said of these objects beyond their names; of a widget without more words: its tooltip."""
+        description = GLib.Variant("(ss)", (ACCESSIBLE, "Description"))
+        return [text for (text,) in self._ask([
+            Call(address, "org.freedesktop.DBus.Properties", "Get", description) for address in addresses])]
+
+    def have_state(self, addresses: Sequence[Address], state: State) -> list[bool]:
+        """Of which objects this is true."""
+        sets = self._ask([Call(address, ACCESSIBLE, "GetState") for address in addresses])
+        return [bool((low | high << 32) >> state & 1) for ((low, high),) in sets]
+
+    def selected(self, containers: Sequence[Address]) -> list[int]:
+        """Of each its selected child, counted from 0, such as the item that a combo box shows."""
+        first = GLib.Variant("(i)", (0,))
+        items = self._ask([Call(container, SELECTION, "GetSelectedChild", first) for container in containers])
+        return [number for (number,) in self._ask([
+            Call(Address(*item), ACCESSIBLE, "GetIndexInParent") for (item,) in items])]
+
+    def place(self, widget: Address) -> Rect:
+        """Where it stands in its window."""
+        (place,) = _call(self._bus, Call(widget, COMPONENT, "GetExtents", GLib.Variant("(u)", (WINDOW_COORDINATES,))))
+        return Rect(*place)
+
+    def place_on_screen(self, widget: Address) -> Rect:
+        """Where it stands on the screen, on displays where a program knows that."""
+        (place,) = _call(self._bus, Call(widget, COMPONENT, "GetExtents", GLib.Variant("(u)", (SCREEN_COORDINATES,))))
+        return Rect(*place)
+
+    # --- doing ---
+
+    def act(self, target: Address) -> None:
+        """Does what the object is there for: presses a button, opens an expander, chooses an item."""
+        _call(self._bus, Call(target, ACTION, "DoAction", GLib.Variant("(i)", (0,))))
+
+    def select_each(self, container: Address, numbers: Sequence[int]) -> None:
+        """Chooses one item after the other so quickly that the program finds all of it waiting at once."""
+        assert all(done for (done,) in self._ask([
+            Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))) for number in numbers]))
+
+    def select(self, container: Address, number: int) -> None:
+        """Chooses an item, counted from 0. What the program does at once upon that is done when this returns."""
+        (done,) = _call(self._bus, Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))))
+        assert done, f"no item {number} to choose"
+
+    # --- listening ---
+
+    @contextmanager
+    def name_changes(self) -> Iterator[Callable[[], list[NameChange]]]:
+        """Listens as a screen reader does; what is handed out gives all changes of names since then."""
+        registry = Address("org.a11y.atspi.Registry", "/org/a11y/atspi/registry")
+        heard: list[NameChange] = []
+
+        def on_change(_: Gio.DBusConnection, owner: str, path: str, _interface: str, _member: str, news: GLib.Variant) -> None:
+            heard.append(NameChange(Address(owner, path), news.unpack()[3]))
+
+        def all_heard() -> list[NameChange]:
+            while context.iteration(False):
+                pass
+            return heard
+        context = GLib.MainContext.new()
+        context.push_thread_default()
+        try:
+            subscription = self._bus.signal_subscribe(None, "org.a11y.atspi.Event.Object", "PropertyChange", None,
+                                                      "accessible-name", Gio.DBusSignalFlags.NONE, on_change)
+        finally:
+            context.pop_thread_default()
+        event = GLib.Variant("(sass)", (NAME_CHANGE, [], ""))
+        _call(self._bus, Call(registry, "org.a11y.atspi.Registry", "RegisterEvent", event))
+        try:
+            yield all_heard
+        finally:
+            self._bus.signal_unsubscribe(subscription)
+            _call(self._bus, Call(registry, "org.a11y.atspi.Registry", "DeregisterEvent", GLib.Variant("(s)", (NAME_CHANGE,))))
+
+    # --- asking ---
 
     def _look(self, addresses: Sequence[Address]) -> list[Node]:
         names = self.names(addresses)

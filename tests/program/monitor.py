@@ -27,6 +27,9 @@ MARKER_COLOR = "#FE01C5"
 _WITHOUT_SEAT = re.compile(r"\n?.*Gdk-CRITICAL.*: gdk_(seat_get_keyboard|seat_get_pointer"
                            r"|device_get_window_at_position_double): assertion 'GDK_IS_(SEAT|DEVICE) .*\n")
 
+#: What GTK says of a signal that came before the main loop.
+QUIT_REFUSED = re.compile(r"\n\(vantric:\d+\): Gtk-CRITICAL .*: gtk_main_quit: assertion '.*' failed\n")
+
 
 @dataclass
 class Card:
@@ -185,8 +188,9 @@ class Monitor:
             self.display.close(self.window)
         elif isinstance(self.display, SwayDisplay):
             self.display.close(PROGRAM_NAME)
-        else:
-            raise NotImplementedError("nobody can press a button there")
+        else:  # no pointer is there to press the button in its title bar
+            (button,) = [node for node in self.tree().walk() if (node.role, node.name) == ("push button", "Close")]
+            self.bus.act(button.address)
 
     # --- content ---
 
@@ -267,6 +271,20 @@ def _with_environment(variables: Mapping[str, str | None]) -> list[str]:
     """
     settings = [f"{name}={value}" for name, value in variables.items() if value is not None]
     return ["env", "--default-signal", "-i", *settings]
+
+
+def wait_for_main_loop(monitor: Monitor) -> None:
+    """Waits until the main loop runs: once both sampling threads are there, the main thread sleeps nowhere else."""
+    wait_until(lambda: not monitor.running() or monitor.threads().count(PROGRAM_NAME) >= 3 and monitor.sleeps(), TIMEOUT,
+               "the main loop")
+    assert monitor.running(), f"ended with {monitor.status}\n{monitor.complaints()}"
+
+
+def frame_place(display: XDisplay, window: int) -> tuple[int, int]:
+    """Upper left corner of the window with its frame."""
+    left, _, top, _ = display.properties(window).get("_NET_FRAME_EXTENTS", (0, 0, 0, 0))
+    place = display.geometry(window)
+    return place.x - left, place.y - top
 
 
 # --- holding the program up ---
@@ -368,3 +386,8 @@ Start = Callable[..., Monitor]
 
 def is_root() -> bool:
     return os.geteuid() == 0
+
+
+def as_root_without_rights() -> list[str]:
+    """A command that takes away from root the right to read and write what its owner may not."""
+    return ["setpriv", "--inh-caps=-all", "--bounding-set=-all"] if is_root() else []
