@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr guint MOVE_DELAY_MS = 120;    // after the resize, which a window manager may answer with a move of its own
+constexpr guint MOVE_DELAY_MS = 120;    // after the resize
 constexpr guint SETTLE_DELAY_MS = 450;  // by then all moves and resizes of a rebuild have been reported
 
 /// Limits `position` so that `size` pixels from there end before `begin + extent`; what is larger starts at `begin`.
@@ -93,7 +93,8 @@ void App::release_sections()
     m_clusters_ui.clear();
 }
 
-/// Resizes the window at once and moves it a little later: a move that follows a resize too closely gets lost with some window managers.
+/// Resizes the window at once and moves it a little later: GTK takes the news of a move for the answer to a resize that it has just asked
+/// for, and asks for the old size again.
 void App::enter_stored_geometry(const WindowGeometry& stored, const WindowRect& left, int width, int height)
 {
     if (running_on_wayland()) {

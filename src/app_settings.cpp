@@ -141,8 +141,8 @@ std::string version_text()
 gboolean on_activate_link(GtkLinkButton* link, gpointer)
 {
     const SignalGate::ForNewPrograms gate;
-    gtk_show_uri_on_window(GTK_WINDOW(gtk_widget_get_toplevel(GTK_WIDGET(link))), gtk_link_button_get_uri(link),
-                           gtk_get_current_event_time(), nullptr);
+    // Without a parent window: with one GTK would start the program later, from a thread of its own
+    gtk_show_uri_on_window(nullptr, gtk_link_button_get_uri(link), gtk_get_current_event_time(), nullptr);
     return GDK_EVENT_STOP;
 }
 
@@ -178,6 +178,14 @@ GtkWidget* create_disclaimer()
     gtk_label_set_max_width_chars(GTK_LABEL(text), DISCLAIMER_WIDTH_CHARS);
     pack_start(box, text, Fill::NO);
     return box;
+}
+
+/// Puts title and arrow of a new expander where the current language has them: it turns itself round only when its direction changes, not
+/// when it is made in an interface written from right to left.
+void mirror_expander(GtkWidget* expander)
+{
+    gtk_widget_set_direction(expander, GTK_TEXT_DIR_LTR);
+    gtk_widget_set_direction(expander, GTK_TEXT_DIR_NONE);
 }
 
 /// A widget and all that is in it, in the order in which containers hold them.
@@ -335,6 +343,7 @@ GtkWidget* App::create_colors_expander()
 {
     m_colors_expander = gtk_expander_new(tr("Colors"));
     add_class(m_colors_expander, "settings-expander");
+    mirror_expander(m_colors_expander);
     GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, COLOR_ROW_SPACING);
     gtk_widget_set_margin_top(box, COLORS_MARGIN);
     gtk_widget_set_margin_start(box, COLORS_MARGIN);
@@ -382,6 +391,7 @@ GtkWidget* App::color_row(const char* label, const char* hex, GCallback on_set, 
     }
     GtkWidget* button = gtk_color_button_new_with_rgba(&color);
     gtk_color_chooser_set_use_alpha(GTK_COLOR_CHOOSER(button), FALSE);
+    gtk_color_button_set_title(GTK_COLOR_BUTTON(button), label);
     add_class(button, "color-swatch");
     g_signal_connect(button, "color-set", on_set, data);
 

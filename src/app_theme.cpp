@@ -20,10 +20,20 @@ constexpr int PORTAL_TIMEOUT_MS = 500;  // the main thread waits meanwhile
 constexpr guint CSS_PRIORITY = GTK_STYLE_PROVIDER_PRIORITY_APPLICATION;
 constexpr const char* PREFER_DARK_PROPERTY = "gtk-application-prefer-dark-theme";
 
+/// The session bus, or null without one; to be released by the caller. Its end does not end the program, which GLib would do.
+GDBusConnection* session_bus()
+{
+    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    if (bus != nullptr) {
+        g_dbus_connection_set_exit_on_close(bus, FALSE);
+    }
+    return bus;
+}
+
 /// What the portal says: true for dark, false for light, empty for no preference, an odd value, or no portal.
 std::optional<bool> portal_prefers_dark()
 {
-    g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    g_autoptr(GDBusConnection) bus = session_bus();
     if (bus == nullptr) {
         return std::nullopt;
     }
@@ -111,13 +121,10 @@ void App::queue_apply_theme()
 
 void App::watch_system_theme()
 {
-    // Kept, as is the subscription, until the process ends
-    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-    if (bus == nullptr) {
-        return;
+    GDBusConnection* bus = session_bus();  // kept, as is the subscription, until the process ends
+    if (bus == nullptr || g_dbus_connection_is_closed(bus)) {
+        return;  // closed: it went away since the start, and GLib would complain of a subscription
     }
-    // GLib would end the process with the bus, but the monitor needs it for nothing else
-    g_dbus_connection_set_exit_on_close(bus, FALSE);
     m_portal_sub = g_dbus_connection_signal_subscribe(bus, PORTAL_NAME, PORTAL_INTERFACE, "SettingChanged", PORTAL_PATH, nullptr,
                                                       G_DBUS_SIGNAL_FLAGS_NONE, on_portal_setting_changed, this, nullptr);
 }

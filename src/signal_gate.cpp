@@ -20,7 +20,8 @@ sigset_t gated_signals()
     return set;
 }
 
-sigset_t g_open_mask;  // the main thread's signal mask without the gate
+sigset_t g_open_mask;                            // the main thread's signal mask without the gate
+const pthread_t g_main_thread = pthread_self();  // which also initialises the globals
 
 /// Lets both signals through, at once if one has been waiting.
 void open()
@@ -72,6 +73,11 @@ void SignalGate::open_for_main_loop()
     sigdelset(&g_open_mask, SIGTERM);
     g_main_context_set_poll_func(nullptr, poll_with_gate_open);
     open();
+}
+
+bool SignalGate::pass_to_main_thread(int sig)
+{
+    return !pthread_equal(pthread_self(), g_main_thread) && pthread_kill(g_main_thread, sig) == 0;
 }
 
 /// A handler that only takes a note may run at any moment, so the gate can stand open; and a new program does not inherit handlers.

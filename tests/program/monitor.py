@@ -130,6 +130,10 @@ class Monitor:
         """Whether the process has a handler for the signal by now."""
         return bool(int(self._field("SigCgt") or "0", 16) >> (number - 1) & 1)
 
+    def accepts(self, number: signal.Signals) -> bool:
+        """Whether the main thread waits for something, with a handler for that signal, and without blocking it."""
+        return self.catches(number) and self.sleeps() and not int(self._field("SigBlk") or "0", 16) >> (number - 1) & 1
+
     def sleeps(self) -> bool:
         """Whether the main thread waits for something."""
         return self._field("State").startswith("S")
@@ -274,9 +278,8 @@ def _with_environment(variables: Mapping[str, str | None]) -> list[str]:
 
 
 def wait_for_main_loop(monitor: Monitor) -> None:
-    """Waits until the main loop runs: once both sampling threads are there, the main thread sleeps nowhere else."""
-    wait_until(lambda: not monitor.running() or monitor.threads().count(PROGRAM_NAME) >= 3 and monitor.sleeps(), TIMEOUT,
-               "the main loop")
+    """Waits until the main loop waits for events: there alone the program, once it handles both signals, lets both through."""
+    wait_until(lambda: not monitor.running() or all(map(monitor.accepts, (signal.SIGINT, signal.SIGTERM))), TIMEOUT, "the main loop")
     assert monitor.running(), f"ended with {monitor.status}\n{monitor.complaints()}"
 
 

@@ -18,23 +18,17 @@ import pytest
 
 from displays import Display, SwayDisplay, XDisplay, wait_until
 from fakemachine import Machine, preset
-from monitor import TIMEOUT, Gate, Monitor, Start, write_settings
+from monitor import QUIT_REFUSED, TIMEOUT, Gate, Monitor, Start, wait_for_main_loop, write_settings
 
 ENDING_SIGNALS = (signal.SIGTERM, signal.SIGINT)
-QUIT_REFUSED = re.compile(r"\n\(vantric:\d+\): Gtk-CRITICAL .*: gtk_main_quit: assertion '.*' failed\n")
 NO_DISPLAY = re.compile(
     r"\n?(Unable to init server: .*\n\n)?\(vantric:\d+\): Gtk-WARNING .*: cannot open display: .*\n")
 
 AT_ONCE = 15  # programs that are started side by side
 
 
-def wait_for_main_loop(monitor: Monitor) -> None:
-    """Waits until the main loop runs: once both sampling threads are there, the main thread sleeps nowhere else."""
-    monitor.wait_for_window()
-    wait_until(lambda: monitor.threads().count("vantric") >= 3 and monitor.sleeps(), TIMEOUT, "the main loop")
-
-
 def closed_window(monitor: Monitor) -> None:
+    monitor.wait_for_window()
     monitor.close_window()
 
 

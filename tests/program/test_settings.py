@@ -13,7 +13,7 @@ import pytest
 
 from displays import Display, SwayDisplay, XDisplay
 from fakemachine import preset
-from monitor import Content, Monitor, Start, config_folder, is_root, settings_text, write_settings
+from monitor import Content, Monitor, Start, as_root_without_rights, config_folder, is_root, settings_text, write_settings
 
 SIDE_PANEL_WIDTH = 230
 TWO_GROUPS = {**preset("frequency-hybrid-12"), "model": "Chip", "load": {"kind": "steady", "percent": 50}}
@@ -124,11 +124,6 @@ def test_right_to_left_mirrors_the_window(
 
 
 # --- damaged files ---
-
-def as_root_without_rights() -> list[str]:
-    """A command that takes away from root the right to read and write what its owner may not."""
-    return ["setpriv", "--inh-caps=-all", "--bounding-set=-all"] if is_root() else []
-
 
 CUT_SHORT = '{\n  "language": "de",\n  "orientation": "horizontal",\n  "total": "#00A6'
 

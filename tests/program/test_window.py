@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, wait_until
-from monitor import TIMEOUT, TITLE, Monitor, Start
+from monitor import TIMEOUT, TITLE, Monitor, Start, frame_place
 
 # The arithmetic of the first size, in pixels
 VERTICAL_WIDTH, VERTICAL_HEIGHT = 58 + 8, 700  # of one column
@@ -30,13 +30,6 @@ def hints(display: XDisplay, window: int) -> dict[str, tuple[int, ...]]:
 
 def minimum(display: XDisplay, window: int) -> tuple[int, int]:
     return hints(display, window)["program specified minimum size"]
-
-
-def frame_place(display: XDisplay, window: int) -> tuple[int, int]:
-    """Upper left corner of the window with its frame."""
-    left, _, top, _ = display.properties(window).get("_NET_FRAME_EXTENTS", (0, 0, 0, 0))
-    place = display.geometry(window)
-    return place.x - left, place.y - top
 
 
 def test_window_tells_who_it_is_stays_above_and_opens_in_the_centre(managed: XDisplay, start: Start) -> None:
