@@ -188,6 +188,16 @@ void mirror_expander(GtkWidget* expander)
     gtk_widget_set_direction(expander, GTK_TEXT_DIR_NONE);
 }
 
+/// Keeps the keyboard out of what a closed expander holds: GTK lets it into one that was never opened.
+void close_to_keyboard(GtkWidget* expander)
+{
+    const auto follow = +[](GtkExpander* changed, GParamSpec*, gpointer) {
+        gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), gtk_expander_get_expanded(changed));
+    };
+    follow(GTK_EXPANDER(expander), nullptr, nullptr);
+    g_signal_connect(expander, "notify::expanded", G_CALLBACK(follow), nullptr);
+}
+
 /// A widget and all that is in it, in the order in which containers hold them.
 void collect_widgets(GtkWidget* widget, gpointer list)
 {
@@ -230,6 +240,15 @@ private:
     std::size_t m_place = 0;
     bool m_had_focus = false;
 };
+
+void move_dialog(GtkWindow* dialog, int x, int y)
+{
+    gtk_window_move(dialog, x, y);
+    GdkWindow* const window = gtk_widget_get_window(GTK_WIDGET(dialog));
+    if (window != nullptr && !gtk_widget_get_mapped(GTK_WIDGET(dialog))) {
+        gdk_window_move(window, x, y);  // GTK forgets the place of a window that has been shown and hidden
+    }
+}
 
 gboolean on_dialog_key(GtkWidget* dialog, GdkEventKey* event, gpointer)
 {
@@ -277,7 +296,7 @@ void App::on_settings_clicked(GtkWidget*, gpointer data)
     int width = 0;
     int height = 0;
     gtk_window_get_size(dialog, &width, &height);
-    gtk_window_move(dialog, main.x + (main.width - width) / 2, main.y + (main.height - height) / 2);
+    move_dialog(dialog, main.x + (main.width - width) / 2, main.y + (main.height - height) / 2);
     gtk_widget_show_all(app.m_settings_popover);
     gtk_window_present(dialog);
 }
@@ -348,6 +367,7 @@ GtkWidget* App::create_colors_expander()
     gtk_widget_set_margin_top(box, COLORS_MARGIN);
     gtk_widget_set_margin_start(box, COLORS_MARGIN);
     gtk_container_add(GTK_CONTAINER(m_colors_expander), box);
+    close_to_keyboard(m_colors_expander);
 
     for (const ColorSlot& slot : COLOR_SLOTS) {
         add_color_row(box, tr(slot.label_key), slot.slot);
