@@ -475,6 +475,20 @@ TEST_F(Content, SnapRevisionStandsBehindTheVersion)
     EXPECT_EQ(version(""), "v1.15 (rev )");
 }
 
+TEST_F(Content, ColorsUnfoldFromTheSideOfTheLanguage)
+{
+    open();
+    for (const char* language : {"en", "he"}) {
+        speak(language);
+        app.replace_settings_content();
+        ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_colors_expander) > 1; }));
+        GtkWidget* title = gtk_expander_get_label_widget(GTK_EXPANDER(app.m_colors_expander));
+        int x = 0;
+        gtk_widget_translate_coordinates(title, app.m_colors_expander, gtk_widget_get_allocated_width(title) / 2, 0, &x, nullptr);
+        EXPECT_EQ(x > gtk_widget_get_allocated_width(app.m_colors_expander) / 2, I18n::instance().is_rtl()) << language << ' ' << x;
+    }
+}
+
 TEST_F(Content, AboutTextIsWhatItIsInEveryLanguage)
 {
     speak("ja");
