@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/fsuid.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -383,4 +385,27 @@ private:
     const std::string m_before = std::setlocale(LC_NUMERIC, nullptr);
     TemporaryFolder m_folder;
     ScopedEnv m_path{"LOCPATH", m_folder.path()};
+};
+
+/// Lets no file grow beyond that size, as on a disk that fills up.
+class ScopedFileSizeLimit {
+public:
+    explicit ScopedFileSizeLimit(rlim_t size)
+    {
+        m_handler = std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit = {.rlim_cur = size, .rlim_max = m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~ScopedFileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_handler);
+    }
+    ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
+    ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
+
+private:
+    rlimit m_before = {};
+    void (*m_handler)(int);
 };

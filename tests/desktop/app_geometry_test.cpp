@@ -316,24 +316,31 @@ TEST_F(Traces, FreezeHoldsThemBackAndTouchesNoFile)
 
 // --- who writes what ---
 
-TEST_F(Tracking, OnX11AllSaveThePlaceAsReportedAndOnlyTheEventKnowsABetterSize)
+struct Writers : Tracking {
+    void expect_changes_of_shape_save_the_place_as_reported()
+    {
+        g_overheard.made_up = WindowRect{-31, 41, 712, 823};
+        app.relayout_cores(2);
+        EXPECT_EQ(stored(VERTICAL), "712x823 at -31,41, 2 columns");
+        g_overheard.made_up = WindowRect{-32, 42, 713, 824};
+        app.rebuild_layout();
+        EXPECT_EQ(stored(VERTICAL), "713x824 at -32,42, 2 columns");
+        g_overheard.made_up = WindowRect{-33, 43, 714, 825};
+        EXPECT_TRUE(iterate_until([&] { return !app.m_freeze_geometry_save; }));
+        EXPECT_EQ(stored(VERTICAL), "714x825 at -33,43, 2 columns");
+    }
+};
+
+TEST_F(Writers, OnX11AllSaveThePlaceAsReportedAndOnlyTheEventKnowsABetterSize)
 {
     configure(app, 501, 602);
     EXPECT_EQ(stored(VERTICAL), "501x602 at -30,40, 3 columns");
     App::on_delete(app.m_window, nullptr, static_cast<App*>(&app));
     EXPECT_EQ(stored(VERTICAL), "711x822 at -30,40, 3 columns");
-    g_overheard.made_up = WindowRect{-31, 41, 712, 823};
-    app.relayout_cores(2);
-    EXPECT_EQ(stored(VERTICAL), "712x823 at -31,41, 2 columns");
-    g_overheard.made_up = WindowRect{-32, 42, 713, 824};
-    app.rebuild_layout();
-    EXPECT_EQ(stored(VERTICAL), "713x824 at -32,42, 2 columns");
-    g_overheard.made_up = WindowRect{-33, 43, 714, 825};
-    EXPECT_TRUE(iterate_until([&] { return !app.m_freeze_geometry_save; }));
-    EXPECT_EQ(stored(VERTICAL), "714x825 at -33,43, 2 columns");
+    expect_changes_of_shape_save_the_place_as_reported();
 }
 
-TEST_F(Tracking, OnWaylandTheEventHandlersKeepTheStoredPlaceAndTheOthersSaveItAsReported)
+TEST_F(Writers, OnWaylandTheEventHandlersKeepTheStoredPlaceAndTheOthersSaveItAsReported)
 {
     const RenamedDisplay wayland("GdkWaylandDisplayOfTheWriters");
     store(VERTICAL, {70, 80, 303, 404}, 3);
@@ -341,15 +348,7 @@ TEST_F(Tracking, OnWaylandTheEventHandlersKeepTheStoredPlaceAndTheOthersSaveItAs
     EXPECT_EQ(stored(VERTICAL), "501x602 at 70,80, 3 columns");
     App::on_delete(app.m_window, nullptr, static_cast<App*>(&app));
     EXPECT_EQ(stored(VERTICAL), "711x822 at 70,80, 3 columns");
-    g_overheard.made_up = WindowRect{-31, 41, 712, 823};
-    app.relayout_cores(2);
-    EXPECT_EQ(stored(VERTICAL), "712x823 at -31,41, 2 columns");
-    g_overheard.made_up = WindowRect{-32, 42, 713, 824};
-    app.rebuild_layout();
-    EXPECT_EQ(stored(VERTICAL), "713x824 at -32,42, 2 columns");
-    g_overheard.made_up = WindowRect{-33, 43, 714, 825};
-    EXPECT_TRUE(iterate_until([&] { return !app.m_freeze_geometry_save; }));
-    EXPECT_EQ(stored(VERTICAL), "714x825 at -33,43, 2 columns");
+    expect_changes_of_shape_save_the_place_as_reported();
 }
 
 TEST_F(Tracking, OnWaylandWithoutARecordTheEventHandlersSaveThePlaceZero)

@@ -3,9 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <random>
 
 #include "fake_machine.h"
@@ -382,29 +380,6 @@ TEST_F(SettingsSave, OnAFullDiskTheOldFileStaysAndTheTemporaryFileRemains)
     ASSERT_TRUE(fs::is_symlink(temporary)) << "this path neither renames nor removes anything";
     EXPECT_EQ(OTHER_FILE, saved());
 }
-
-/// Lets no file grow beyond that size, as on a disk that fills up.
-class ScopedFileSizeLimit {
-public:
-    explicit ScopedFileSizeLimit(rlim_t size)
-    {
-        m_handler = std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit = {.rlim_cur = size, .rlim_max = m_before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~ScopedFileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    ScopedFileSizeLimit(const ScopedFileSizeLimit&) = delete;
-    ScopedFileSizeLimit& operator=(const ScopedFileSizeLimit&) = delete;
-
-private:
-    rlimit m_before = {};
-    void (*m_handler)(int);
-};
 
 TEST_F(SettingsSave, AHalfWrittenTemporaryFileStaysAndTheNextSaveReusesIt)
 {

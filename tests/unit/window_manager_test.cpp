@@ -3,12 +3,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <csignal>
 #include <optional>
 #include <type_traits>
 
@@ -718,24 +716,13 @@ TEST_F(GeometrySave, IsDroppedWhereTheFolderCannotBeMade)
     EXPECT_EQ(NO_FILE, text_of(manager.load(false)));
 }
 
-/// Lets no file grow beyond that size while `work` runs, as on a disk that fills up.
-template <typename Work>
-void with_room_for(rlim_t bytes, Work work)
-{
-    rlimit before = {};
-    getrlimit(RLIMIT_FSIZE, &before);
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {.rlim_cur = bytes, .rlim_max = before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    work();
-    setrlimit(RLIMIT_FSIZE, &before);
-    std::signal(SIGXFSZ, handler);
-}
-
 TEST_F(GeometrySave, OnAFullDiskAShortFileIsLeftAndTheNextSaveIsWhole)
 {
     home.lay("geometry.json", WHOLE_FILE);
-    with_room_for(24, [&] { manager.save(10, 20, 300, 400, 2, false); });
+    {
+        const ScopedFileSizeLimit disk(24);
+        manager.save(10, 20, 300, 400, 2, false);
+    }
     EXPECT_EQ(R"({"x":10,"y":20,"width":3)", saved());
     EXPECT_EQ("10 20 3 0 4 valid", text_of(manager.load(false)));
     EXPECT_EQ(NO_KEYS, text_of(manager.load(true)));
@@ -747,7 +734,10 @@ TEST_F(GeometrySave, OnAFullDiskAShortFileIsLeftAndTheNextSaveIsWhole)
 TEST_F(GeometrySave, WithNoRoomAtAllAnEmptyFileIsLeft)
 {
     home.lay("geometry.json", WHOLE_FILE);
-    with_room_for(0, [&] { manager.save(10, 20, 300, 400, 2, false); });
+    {
+        const ScopedFileSizeLimit disk(0);
+        manager.save(10, 20, 300, 400, 2, false);
+    }
     EXPECT_EQ("", saved());
     EXPECT_EQ(NO_FILE, text_of(manager.load(false)));
     EXPECT_EQ(NO_FILE, text_of(manager.load(true)));
