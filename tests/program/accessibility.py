@@ -7,6 +7,8 @@ each answer by itself, which takes long with a thousand cards.
 from __future__ import annotations
 
 import enum
+import os
+import signal
 from collections.abc import Callable, Collection, Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass, field
@@ -79,6 +81,9 @@ class Call(NamedTuple):
     interface: str
     method: str
     arguments: GLib.Variant | None = None
+
+
+THE_BUS_ITSELF = Call(Address("org.freedesktop.DBus", "/org/freedesktop/DBus"), "org.freedesktop.DBus", "GetId")
 
 
 class AccessibilityBus:
@@ -178,10 +183,14 @@ class AccessibilityBus:
         """Does what the object is there for: presses a button, opens an expander, chooses an item."""
         _call(self._bus, Call(target, ACTION, "DoAction", GLib.Variant("(i)", (0,))))
 
-    def select_each(self, container: Address, numbers: Sequence[int]) -> None:
-        """Chooses one item after the other so quickly that the program finds all of it waiting at once."""
-        assert all(done for (done,) in self._ask([
-            Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))) for number in numbers]))
+    def select_each(self, container: Address, numbers: Sequence[int], program: int) -> None:
+        """Chooses one item after the other. The program, of that process id, stands still meanwhile, so it finds all of it waiting."""
+        def let_it_go_on() -> None:
+            _call(self._bus, THE_BUS_ITSELF)  # which answers when it has handed on what came before
+            os.kill(program, signal.SIGCONT)
+        os.kill(program, signal.SIGSTOP)
+        assert all(done for (done,) in self._ask_together([
+            Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))) for number in numbers], let_it_go_on))
 
     def select(self, container: Address, number: int) -> None:
         """Chooses an item, counted from 0. What the program does at once upon that is done when this returns."""
@@ -237,7 +246,7 @@ class AccessibilityBus:
             answers += self._ask_together(calls[first:first + AT_ONCE])
         return answers
 
-    def _ask_together(self, calls: Sequence[Call]) -> list[tuple[Any, ...]]:
+    def _ask_together(self, calls: Sequence[Call], when_sent: Callable[[], None] = lambda: None) -> list[tuple[Any, ...]]:
         context = GLib.MainContext.new()
         context.push_thread_default()
         try:
@@ -245,6 +254,7 @@ class AccessibilityBus:
             for number, call in enumerate(calls):
                 self._bus.call(*call.address, call.interface, call.method, call.arguments, None,
                                Gio.DBusCallFlags.NONE, CALL_TIMEOUT_MS, None, _collector(results, number))
+            when_sent()
             while len(results) < len(calls):
                 context.iteration(True)
         finally:

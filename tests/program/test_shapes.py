@@ -166,7 +166,7 @@ def test_two_changes_before_the_first_rebuild(x11: XDisplay, start: Start, tmp_p
     wait_for_place(x11, program.dialog.main, VERTICAL, "at the start")
     combo = program.dialog.wait().orientation.combo.address
     seen = len(program.lines())
-    program.dialog.monitor.bus.select_each(combo, [1, 0])
+    program.dialog.monitor.bus.select_each(combo, [1, 0], program.dialog.monitor.pid)
     program.settle(2)
     pair = [left(VERTICAL, "vert"), entered(VERTICAL, "vert", VERTICAL.place)]
     assert [line for line in program.lines()[seen:] if "configure" not in line] == [*pair * 2, *[settled(VERTICAL, "vert")] * 2]
