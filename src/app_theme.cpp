@@ -73,6 +73,21 @@ bool gtk_prefers_dark()
     return std::strstr(lower, "dark") != nullptr;
 }
 
+/// Lets GTK's own widgets follow. It is also what gtk_prefers_dark() reads: without a portal "auto" stays dark once a dark theme has been
+/// applied.
+void prefer_in_gtk(bool dark)
+{
+    GtkSettings* settings = gtk_settings_get_default();
+    if (settings == nullptr) {
+        return;
+    }
+    gboolean present = FALSE;
+    g_object_get(settings, PREFER_DARK_PROPERTY, &present, nullptr);
+    if (dark != (present != FALSE)) {  // even for the same value GTK would load its whole theme again
+        g_object_set(settings, PREFER_DARK_PROPERTY, static_cast<gboolean>(dark), nullptr);
+    }
+}
+
 }  // namespace
 
 bool App::resolve_dark() const
@@ -99,10 +114,7 @@ void App::apply_theme()
         gtk_style_context_add_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(m_css), CSS_PRIORITY);
     }
     gtk_css_provider_load_from_data(m_css, css.c_str(), -1, nullptr);
-    if (GtkSettings* settings = gtk_settings_get_default()) {
-        // Also what gtk_prefers_dark() reads: without a portal "auto" stays dark once a dark theme has been applied
-        g_object_set(settings, PREFER_DARK_PROPERTY, static_cast<gboolean>(m_dark), nullptr);
-    }
+    prefer_in_gtk(m_dark);
     for (GtkWidget* window : {m_window, m_settings_popover}) {
         if (window != nullptr) {
             gtk_widget_queue_draw(window);  // charts paint in the palette's colours
