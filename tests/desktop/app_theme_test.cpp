@@ -375,6 +375,9 @@ TEST_F(AppTheme, ApplyingMakesOneProviderLoadsItTellsGtkAndRedrawsInThisOrder)
     settings().theme = "light";
     app.apply_theme();
     EXPECT_THAT(g_overheard.calls, ElementsAre("load, length -1, error none", "prefer light", "draw"));
+    g_overheard.calls.clear();
+    app.apply_theme();
+    EXPECT_THAT(g_overheard.calls, ElementsAre("load, length -1, error none", "draw")) << "what GTK prefers already makes it load nothing";
 }
 
 TEST_F(AppTheme, ApplyingLoadsTheSheetOfTheScheme)
