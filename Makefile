@@ -27,7 +27,7 @@ bench: ## Build and run the benchmarks
 	@tools/build bench
 	@bench/run build/bench
 
-fuzz: ## Fuzz both readers of saved files (make fuzz SECONDS=600)
+fuzz: ## Fuzz whatever reads files or colours (make fuzz SECONDS=600)
 	@tools/ensure-packages build fuzz
 	@tools/fuzz $(SECONDS)
 

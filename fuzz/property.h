@@ -1,4 +1,4 @@
-/// What the fuzz targets share: a folder of their own, and how to say that something that must hold doesn't.
+/// What the fuzz targets share: a home folder and a machine of their own, and how to say that something that must hold doesn't.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +17,13 @@ inline const TemporaryHome& fuzz_home()
 {
     static const TemporaryHome home;
     return home;
+}
+
+/// The kernel files of this process.
+inline FakeMachine& fuzz_machine()
+{
+    static FakeMachine machine;
+    return machine;
 }
 
 /// Ends the process, which is how libFuzzer learns of a finding, unless both are the same.
