@@ -6,15 +6,18 @@ its windowclose destroys a window without asking it, so neither is used.
 
 from __future__ import annotations
 
+import math
 import re
 import subprocess
-from collections.abc import Mapping
+import time
+from collections.abc import Callable, Mapping
 from pathlib import Path
 from typing import Any, NamedTuple
 
 from display_process import DisplayError, wait_until
 
 TOOL_TIMEOUT = 20.0  # seconds; the tools answer within milliseconds, but a machine can be busy
+ASK_AGAIN = 3.0  # seconds
 
 # xprop shows _NET_WM_NAME as it is, but leaves quotes in WM_NAME bare.
 PROPERTIES = ("_NET_WM_NAME", "WM_CLASS", "WM_NORMAL_HINTS", "_NET_WM_PID", "_NET_WM_STATE",
@@ -98,6 +101,18 @@ class X11Windows:
     def resize(self, window: int, width: int, height: int) -> None:
         """Asks for this size without the frame, in pixels; the window manager decides."""
         run_tool(["xdotool", "windowsize", str(window), str(width), str(height)], self.env)
+
+    def resize_until(self, window: int, width: int, height: int, condition: Callable[[], bool], timeout: float, what: str) -> None:
+        """Asks for this size until the condition holds: a program that is just asking for a size of its own wins over a single request."""
+        asked = -math.inf
+
+        def holds() -> bool:
+            nonlocal asked
+            if time.monotonic() - asked > ASK_AGAIN:
+                self.resize(window, width, height)
+                asked = time.monotonic()
+            return condition()
+        wait_until(holds, timeout, what)
 
     def close(self, window: int) -> None:
         """Asks the program to close the window, as the close button of its frame does."""

@@ -103,8 +103,7 @@ def test_orientations_are_remembered_apart(x11: XDisplay, start: Start, tmp_path
         monitor = home.start(start, x11, preset("vm-2"), orientation)
         window = monitor.window
         wait_for_place(x11, window, opens_at, f"{orientation} start")
-        x11.resize(window, *left_at.size)
-        wait_until(lambda: x11.geometry(window)[2:] == left_at.size, TIMEOUT, "the new size")
+        x11.resize_until(window, *left_at.size, lambda: x11.geometry(window)[2:] == left_at.size, TIMEOUT, "the new size")
         x11.move(window, *left_at.place)
         wait_until(lambda: shown(x11, window, 1) == left_at, TIMEOUT, "the new place")
         x11.close(window)

@@ -331,8 +331,7 @@ def test_reading_that_hangs_stops_neither_window_nor_end(x11: XDisplay, machines
     machine.make_fifo(STAT)
     gate = Gate(machine.outside(STAT))
     gate.wait_for_program()
-    x11.resize(monitor.window, 400, 600)
-    wait_until(lambda: monitor.content().total_panel.width == 400, TIMEOUT, "a window that follows its frame")
+    x11.resize_until(monitor.window, 400, 600, lambda: monitor.content().total_panel.width == 400, TIMEOUT, "a window that follows its frame")
     assert monitor.percentages(cards) == ["50%", "50%"]
     monitor.send(signal.SIGTERM)
     gate.open()

@@ -96,8 +96,8 @@ def wait_for_what(look: Callable[[], object], expected: object, when: str = "") 
 
 def widen(display: XDisplay, monitor: Monitor, width: int = 640) -> None:
     """Gives all labels room."""
-    display.resize(monitor.window, width, 700)
-    wait_until(lambda: monitor.content().total_panel.width == width, TIMEOUT, f"a window {width} pixels wide")
+    display.resize_until(monitor.window, width, 700, lambda: monitor.content().total_panel.width == width, TIMEOUT,
+                         f"a window {width} pixels wide")
 
 
 def status_text(monitor: Monitor) -> str:
@@ -158,9 +158,9 @@ def test_info_line_takes_the_longest_form_that_fits(orientation: str, x11: XDisp
 
 def form_at(display: XDisplay, monitor: Monitor, width: int) -> str:
     """The info line in a window so wide, or as wide as it can be."""
-    display.resize(monitor.window, width, 700)
     least = max(width, display.properties(monitor.window)["WM_NORMAL_HINTS"]["program specified minimum size"][0])
-    wait_until(lambda: monitor.content().total_panel.width == least, TIMEOUT, f"a window {least} pixels wide")
+    display.resize_until(monitor.window, width, 700, lambda: monitor.content().total_panel.width == least, TIMEOUT,
+                         f"a window {least} pixels wide")
     labels = labels_of(monitor)
     first = readouts(monitor, labels).info
     return wait_until(lambda: readouts(monitor, labels).info == first and first, TIMEOUT, "a text")
@@ -512,8 +512,7 @@ def test_clocks_stand_behind_the_curves(
     for cpu, mhz in enumerate(CLOCKS):
         set_clock(machine, cpu, mhz)
     monitor = start(x11, machine, {"orientation": orientation})
-    x11.resize(monitor.window, 900, 700)
-    wait_until(lambda: x11.geometry(monitor.window)[2:] == (900, 700), TIMEOUT, "a large window")
+    x11.resize_until(monitor.window, 900, 700, lambda: x11.geometry(monitor.window)[2:] == (900, 700), TIMEOUT, "a large window")
     assert_ghosts(monitor, ".", tmp_path)
 
 

@@ -54,10 +54,8 @@ def test_minimum_is_150_where_the_content_wants_less(x11: XDisplay, start: Start
     least_width, least_height = minimum(x11, window)
     assert (least_width, least_height >= MIN_SIZE) == (MIN_SIZE, True)
     assert x11.geometry(window)[2] == MIN_SIZE
-    x11.resize(window, 40, 40)
-    wait_until(lambda: x11.geometry(window)[2:] == (least_width, least_height), TIMEOUT, "the smallest window")
-    x11.resize(window, 4000, 4000)
-    wait_until(lambda: x11.geometry(window)[2:] == (x11.width, x11.height), TIMEOUT, "the largest window")
+    x11.resize_until(window, 40, 40, lambda: x11.geometry(window)[2:] == (least_width, least_height), TIMEOUT, "the smallest window")
+    x11.resize_until(window, 4000, 4000, lambda: x11.geometry(window)[2:] == (x11.width, x11.height), TIMEOUT, "the largest window")
 
 
 @pytest.mark.parametrize("size, centre", [
@@ -99,8 +97,7 @@ def test_card_titles_shorten_where_they_do_not_fit(displays: ExitStack, start: S
     monitor = start(display, WIDE, {"orientation": "horizontal"})
 
     def names(width: int) -> list[str]:
-        display.resize(monitor.window, width, 300)
-        wait_until(lambda: display.geometry(monitor.window).width == width, TIMEOUT, f"a width of {width}")
+        display.resize_until(monitor.window, width, 300, lambda: display.geometry(monitor.window).width == width, TIMEOUT, f"a width of {width}")
         wait_until(lambda: monitor.content().cards[-1].rect.right > width - 20, TIMEOUT, "cards of that width")
         return [card.name for card in monitor.content().cards]
     long, short = [f"Core {n}" for n in range(1, 13)], [str(n) for n in range(1, 13)]
