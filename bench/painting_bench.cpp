@@ -17,30 +17,69 @@ std::deque<double> full_history()
     return history;
 }
 
-void paint(benchmark::State& state, int width, int height, double overlay)
+/// A chart of a card, or of the total panel.
+struct Size {
+    int width;
+    int height;
+    double overlay;
+};
+constexpr Size CARD{52, 60, -1.0};
+constexpr Size TOTAL{230, 60, 0.5};
+
+/// An image of the kind on which the window is painted, and its context.
+struct Canvas {
+    cairo_surface_t* const surface;
+    cairo_t* const cr;
+    explicit Canvas(const Size& size)
+        : surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, size.width, size.height)), cr(cairo_create(surface))
+    {
+    }
+    ~Canvas()
+    {
+        cairo_destroy(cr);
+        cairo_surface_destroy(surface);
+    }
+    Canvas(const Canvas&) = delete;
+    Canvas& operator=(const Canvas&) = delete;
+};
+
+void paint_plainly(benchmark::State& state, const Size& size)
 {
-    cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
-    cairo_t* cr = cairo_create(surface);
+    const Canvas canvas(size);
     const std::deque<double> history = full_history();
     const Palette palette = Palette::light();
     for (auto _ : state) {
-        App::paint_chart(cr, width, height, history, App::group_color(0), palette, App::freq_texts(3600), overlay);
+        App::paint_chart(canvas.cr, size.width, size.height, history, App::group_color(0), palette, App::freq_texts(3600), size.overlay);
     }
-    cairo_destroy(cr);
-    cairo_surface_destroy(surface);
 }
+BENCHMARK_CAPTURE(paint_plainly, card, CARD);
+BENCHMARK_CAPTURE(paint_plainly, total, TOTAL);
 
-void paint_card(benchmark::State& state)
+/// As the window paints it, which makes a palette each time.
+void paint_on_screen(benchmark::State& state, const Size& size)
 {
-    paint(state, 52, 60, -1.0);
+    const Canvas canvas(size);
+    const std::deque<double> history = full_history();
+    App app;
+    app.m_painting = true;
+    for (auto _ : state) {
+        app.paint_chart_on_screen(canvas.cr, size.width, size.height, history, App::group_color(0), App::freq_texts(3600), size.overlay);
+    }
 }
-BENCHMARK(paint_card);
+BENCHMARK_CAPTURE(paint_on_screen, card, CARD);
+BENCHMARK_CAPTURE(paint_on_screen, total, TOTAL);
 
-void paint_total(benchmark::State& state)
+/// An empty chart: what is left when the curve costs nothing.
+void paint_without_curve(benchmark::State& state, const Size& size)
 {
-    paint(state, 230, 60, 0.5);
+    const Canvas canvas(size);
+    const Palette palette = Palette::light();
+    for (auto _ : state) {
+        App::paint_chart(canvas.cr, size.width, size.height, {}, App::group_color(0), palette, App::freq_texts(3600), size.overlay);
+    }
 }
-BENCHMARK(paint_total);
+BENCHMARK_CAPTURE(paint_without_curve, card, CARD);
+BENCHMARK_CAPTURE(paint_without_curve, total, TOTAL);
 
 void translate(benchmark::State& state)
 {

@@ -1,6 +1,8 @@
 /// Life cycle of the application, and its tick.
 #include "app.h"
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -13,7 +15,9 @@
 namespace {
 
 constexpr guint TICK_MS = 1000;
+constexpr guint STARTED_S = 5;  // by then everything has been shown and painted
 constexpr int FIRST_START_COLUMNS = 1;
+constexpr int LARGE_BLOCK = 128 * 1024;  // bytes
 
 App* g_app_instance = nullptr;  // how the signal handler finds the application; never reset
 
@@ -42,6 +46,32 @@ double usage_at(const std::vector<CoreStats>& cores, std::int32_t cpu_index)
     return position < cores.size() ? cores[position].usage : 0.0;
 }
 
+/// A heap for each thread would be half empty: threads here are many, and allocate little. What is large keeps a mapping of its own, which
+/// takes no memory where it is not written to, and is given back.
+void keep_heap_small()
+{
+#ifdef __GLIBC__
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, LARGE_BLOCK);
+#endif
+}
+
+/// What the start has needed and nobody needs any more, GTK's reading of its theme above all, goes back to the system.
+gboolean give_back_memory(gpointer)
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+    return G_SOURCE_REMOVE;
+}
+
+/// Pango reads the fonts' configuration in a thread of its own, and the first text has to wait for that. Begun now, it is over by then:
+/// GTK has its theme to read first.
+void begin_to_read_fonts()
+{
+    pango_cairo_font_map_get_default();
+}
+
 }  // namespace
 
 App::App() : m_cpu_reader(std::make_unique<CPUReader>()), m_sys_metrics(std::make_unique<SystemMetrics>()) {}
@@ -65,10 +95,12 @@ App::~App()
 
 int App::run(int argc, char** argv)
 {
+    keep_heap_small();
     g_app_instance = this;
     std::signal(SIGINT, signal_handler);
     std::signal(SIGTERM, signal_handler);
     SignalGate::close();
+    begin_to_read_fonts();
     gtk_init(&argc, &argv);
     SettingsStore::instance().load();
     I18n::instance().set_language(SettingsStore::instance().get().language);
@@ -84,6 +116,7 @@ int App::run(int argc, char** argv)
     m_cpu_reader->start();
     m_sys_metrics->start();
     g_timeout_add(TICK_MS, on_update, this);
+    g_timeout_add_seconds(STARTED_S, give_back_memory, nullptr);
     SignalGate::open_for_main_loop();
     gtk_main();
     return 0;
@@ -114,6 +147,7 @@ void App::update()
 
 void App::fill_cache()
 {
+    m_cache.cores.clear();  // before the copy that replaces them, so that there are never two
     m_cache.cores = m_cpu_reader->get_cores();
     m_cache.total = m_cpu_reader->get_total();
     m_cache.total_history = m_cpu_reader->get_total_history();

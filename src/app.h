@@ -5,12 +5,14 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "cpu_reader.h"
 #include "cpu_topology.h"
+#include "curve_coverage.h"
 #include "system_metrics.h"
 #include "theme.h"
 #include "window_manager.h"
@@ -89,6 +91,20 @@ private:
         std::vector<CoreWidgets> cores;  ///< in the order of cpu_indices
     };
 
+    /// Background and border of all cards of one size, painted once: rounded corners cost more than the rest of a card.
+    struct CardFrame {
+        int width = 0;  ///< pixels of the interface, of which each is `scale` by `scale` on the screen
+        int height = 0;
+        int scale = 1;
+        GtkStateFlags state{};
+        std::shared_ptr<cairo_surface_t> image;
+
+        bool operator==(const CardFrame& other) const
+        {
+            return width == other.width && height == other.height && scale == other.scale && state == other.state;
+        }
+    };
+
     static gboolean on_update(gpointer data);
     /// One tick: fresh readings into the cache, the labels, and a redraw of every chart.
     void update();
@@ -126,6 +142,17 @@ private:
     /// Default width in vertical orientation, in pixels.
     static int calc_window_w(int cols);
 
+    // --- app_painting.cpp: how the window gets onto the screen ---
+
+    /// "draw" handler of the window: paints it in memory, at the scale of the screen, and puts that up in one piece.
+    static gboolean draw_window(GtkWidget* window, cairo_t* cr, gpointer data);
+    /// "draw" handler of a card: puts its frame under its children, from a picture that all cards of its size share.
+    static gboolean draw_card(GtkWidget* card, cairo_t* cr, gpointer data);
+    /// "style-updated" handler of the first card, for all.
+    static void forget_card_frames(GtkWidget* card, gpointer data);
+    /// Background and border of a card, for a canvas such as `cr`. Borrowed, until the next call.
+    cairo_surface_t* card_frame(GtkWidget* card, cairo_t* cr);
+
     // --- app_charts.cpp: painting; reads m_cache and takes no lock ---
 
     static gboolean draw_chart(GtkWidget* w, cairo_t* cr, gpointer data);
@@ -134,6 +161,13 @@ private:
     /// text behind the curve, longest first; `pct_overlay` the load shown in the corner, or a negative number for none.
     static void paint_chart(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent, const Palette& pal,
                             const std::vector<std::string>& ghost, double pct_overlay);
+    /// The same, the curve and the area under it being left to `paint_curve`.
+    static void paint_chart_around(cairo_t* cr, int w, int h, const Palette& pal, const std::vector<std::string>& ghost, double pct_overlay,
+                                   const std::function<void()>& paint_curve);
+    /// Paints the same a good deal faster, to the eye no different, if the chart is as small as those of cards and `cr` is the window's own
+    /// painting in memory; else by paint_chart().
+    void paint_chart_on_screen(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent,
+                               const std::vector<std::string>& ghost, double pct_overlay);
     /// Paints the longest candidate that can be read at that size, if any.
     static void draw_ghost(cairo_t* cr, int w, int h, const std::vector<std::string>& candidates, const Palette& pal);
     static void draw_ghost_text(cairo_t* cr, int w, int h, const std::string& text, double size, const Palette& pal);
@@ -205,7 +239,7 @@ private:
     void place_in_row_boxes(int columns);
     /// Gives each card the long or the short title, by what fits at that width of the window.
     void fit_core_labels(int window_w);
-    void fit_core_label(CoreWidgets& widgets, int card_width);
+    void fit_core_label(CoreWidgets& widgets, int card_width, int pct_width);
     /// Width that is left for cards, in pixels.
     int cards_width(int window_w) const;
     static void on_win_size_alloc(GtkWidget* widget, GtkAllocation* allocation, gpointer data);
@@ -288,6 +322,8 @@ private:
     GtkWidget* m_col_label = nullptr;  ///< the number of columns in the dialog
     GtkCssProvider* m_css = nullptr;   ///< owned
     std::vector<ClusterUI> m_clusters_ui;
+    std::vector<CardFrame> m_card_frames;
+    CurveCoverage m_curve_coverage;
     Cache m_cache;
     std::unique_ptr<CPUReader> m_cpu_reader;
     std::unique_ptr<SystemMetrics> m_sys_metrics;
@@ -299,6 +335,7 @@ private:
     std::int32_t m_pending_move_y = 0;
     std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
     std::int32_t m_last_window_w = 0;
-    bool m_dark = false;     ///< the resolved theme; written by apply_theme() alone
-    guint m_portal_sub = 0;  ///< subscription to the portal's signal; 0 if there is none
+    bool m_painting = false;  ///< inside draw_window()
+    bool m_dark = false;      ///< the resolved theme; written by apply_theme() alone
+    guint m_portal_sub = 0;   ///< subscription to the portal's signal; 0 if there is none
 };

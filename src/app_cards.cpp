@@ -45,6 +45,7 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
     add_class(card, "core-card");
     gtk_widget_set_hexpand(card, TRUE);
     gtk_widget_set_vexpand(card, TRUE);
+    g_signal_connect(card, "draw", G_CALLBACK(draw_card), this);
 
     GtkWidget* title_row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
     GtkWidget* name_label = create_label(card_title(cpu_index), 0.0, "core-label");

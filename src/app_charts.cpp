@@ -10,10 +10,9 @@ namespace {
 
 constexpr int MAX_POINTS = static_cast<int>(CPUReader::HISTORY_SIZE);  // a chart always spans a whole history
 constexpr double GRID_LINE_WIDTH = 0.5;
-constexpr double CURVE_LINE_WIDTH = 1.2;
-constexpr double CURVE_ALPHA = 0.85;
-constexpr double FILL_ALPHA_TOP = 0.55;
-constexpr double FILL_ALPHA_BOTTOM = 0.04;
+constexpr CurveLook CURVE_LOOK{.line_width = 1.2, .line_alpha = 0.85, .fill_alpha_top = 0.55, .fill_alpha_bottom = 0.04};
+
+constexpr int MAX_COVERAGE_PIXELS = 1 << 14;  // the masks of a larger chart would cost more memory than they save time
 
 constexpr int OVERLAY_MIN_WIDTH = 40;  // the chart must be wider than this
 constexpr double OVERLAY_FONT_SIZE = 12.0;
@@ -99,8 +98,8 @@ void paint_grid(cairo_t* cr, int w, int h, const Palette& pal)
 void paint_fill(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 {
     cairo_pattern_t* gradient = cairo_pattern_create_linear(0, 0, 0, curve.h);
-    cairo_pattern_add_color_stop_rgba(gradient, 0.0, accent.r, accent.g, accent.b, FILL_ALPHA_TOP);
-    cairo_pattern_add_color_stop_rgba(gradient, 1.0, accent.r, accent.g, accent.b, FILL_ALPHA_BOTTOM);
+    cairo_pattern_add_color_stop_rgba(gradient, 0.0, accent.r, accent.g, accent.b, CURVE_LOOK.fill_alpha_top);
+    cairo_pattern_add_color_stop_rgba(gradient, 1.0, accent.r, accent.g, accent.b, CURVE_LOOK.fill_alpha_bottom);
     curve.trace(cr);
     cairo_line_to(cr, curve.w, curve.h);
     cairo_line_to(cr, curve.x(0), curve.h);
@@ -112,10 +111,25 @@ void paint_fill(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 
 void paint_curve(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 {
-    cairo_set_source_rgba(cr, accent.r, accent.g, accent.b, CURVE_ALPHA);
-    cairo_set_line_width(cr, CURVE_LINE_WIDTH);
+    cairo_set_source_rgba(cr, accent.r, accent.g, accent.b, CURVE_LOOK.line_alpha);
+    cairo_set_line_width(cr, CURVE_LOOK.line_width);
     curve.trace(cr);
     cairo_stroke(cr);
+}
+
+/// How many pixels a unit has on a canvas where every unit begins with a pixel and is that many whole pixels wide and high; 0 on another.
+int whole_scale(cairo_t* cr)
+{
+    const auto is_whole = [](double number) { return number == std::floor(number); };
+    cairo_surface_t* surface = cairo_get_target(cr);
+    double scale_x = 0.0;
+    double scale_y = 0.0;
+    cairo_surface_get_device_scale(surface, &scale_x, &scale_y);
+    cairo_matrix_t m;
+    cairo_get_matrix(cr, &m);
+    const bool is_shift = m.xx == 1 && m.yy == 1 && m.xy == 0 && m.yx == 0 && is_whole(m.x0) && is_whole(m.y0);
+    const bool is_aligned = cairo_surface_get_type(surface) == CAIRO_SURFACE_TYPE_IMAGE && is_shift && scale_x == scale_y;
+    return is_aligned && is_whole(scale_x) ? static_cast<int>(scale_x) : 0;
 }
 
 /// The load in the top right corner, its ink OVERLAY_MARGIN away from both edges.
@@ -151,25 +165,24 @@ std::string format_number(const char* format, double value)
 
 gboolean App::draw_chart(GtkWidget* w, cairo_t* cr, gpointer data)
 {
-    const App& app = *static_cast<App*>(data);
+    App& app = *static_cast<App*>(data);
     const auto* meta = static_cast<const ChartMeta*>(g_object_get_data(G_OBJECT(w), "meta"));
     if (meta == nullptr) {
         return FALSE;
     }
     const int width = gtk_widget_get_allocated_width(w);
     const int height = gtk_widget_get_allocated_height(w);
-    const Palette pal = app.palette();
     const Rgb accent = group_color(meta->color_index);
     const Cache& cache = app.m_cache;
     if (meta->cpu_index == -1) {
-        paint_chart(cr, width, height, cache.total_history, accent, pal, freq_texts(app.total_frequency()), cache.total);
+        app.paint_chart_on_screen(cr, width, height, cache.total_history, accent, freq_texts(app.total_frequency()), cache.total);
         return FALSE;
     }
     static const std::deque<double> NO_HISTORY;
     const auto cpu = static_cast<std::size_t>(meta->cpu_index);
     const auto& history = cpu < cache.cores.size() ? cache.cores[cpu].history : NO_HISTORY;
     const double mhz = cpu < cache.frequencies.size() ? cache.frequencies[cpu] : 0.0;
-    paint_chart(cr, width, height, history, accent, pal, freq_texts(mhz), -1.0);
+    app.paint_chart_on_screen(cr, width, height, history, accent, freq_texts(mhz), -1.0);
     return FALSE;
 }
 
@@ -195,14 +208,38 @@ gboolean App::draw_color_bar(GtkWidget* w, cairo_t* cr, gpointer)
 void App::paint_chart(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent, const Palette& pal,
                       const std::vector<std::string>& ghost, double pct_overlay)
 {
+    paint_chart_around(cr, w, h, pal, ghost, pct_overlay, [&] {
+        if (!history.empty()) {
+            const CurveShape curve{history, w, h};
+            paint_fill(cr, curve, accent);
+            paint_curve(cr, curve, accent);
+        }
+    });
+}
+
+void App::paint_chart_on_screen(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent,
+                                const std::vector<std::string>& ghost, double pct_overlay)
+{
+    const int scale = m_painting ? whole_scale(cr) : 0;
+    if (scale == 0 || w * h > MAX_COVERAGE_PIXELS / (scale * scale)) {
+        paint_chart(cr, w, h, history, accent, palette(), ghost, pct_overlay);
+        return;
+    }
+    paint_chart_around(cr, w, h, palette(), ghost, pct_overlay, [&] {
+        if (cairo_surface_t* opacity = m_curve_coverage.opacity(history, MAX_POINTS, w, h, scale, CURVE_LOOK)) {
+            cairo_set_source_rgb(cr, accent.r, accent.g, accent.b);
+            cairo_mask_surface(cr, opacity, 0, 0);
+        }
+    });
+}
+
+void App::paint_chart_around(cairo_t* cr, int w, int h, const Palette& pal, const std::vector<std::string>& ghost, double pct_overlay,
+                             const std::function<void()>& paint_curve)
+{
     paint_background(cr, pal);
     paint_grid(cr, w, h, pal);
     draw_ghost(cr, w, h, ghost, pal);
-    if (!history.empty()) {
-        const CurveShape curve{history, w, h};
-        paint_fill(cr, curve, accent);
-        paint_curve(cr, curve, accent);
-    }
+    paint_curve();
     if (w > OVERLAY_MIN_WIDTH && pct_overlay >= 0) {
         Rgb color;
         usage_color(pct_overlay, pal.dark, color.r, color.g, color.b);

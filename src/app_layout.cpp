@@ -132,6 +132,9 @@ void App::create_sections()
         for (const std::int32_t cpu_index : cluster.cpu_indices) {
             GtkWidget* card = create_core_card(cpu_index, cluster.color_index);
             g_object_ref_sink(card);
+            if (&ui == &m_clusters_ui.front() && ui.cores.empty()) {
+                g_signal_connect(card, "style-updated", G_CALLBACK(forget_card_frames), this);
+            }
             ui.cores.push_back({.card = card,
                                 .chart = widget_of(card, "chart"),
                                 .name_label = widget_of(card, "name_label"),
@@ -246,21 +249,23 @@ void App::fit_core_labels(int window_w)
     if (card_width <= 0) {
         return;
     }
+    int pct_width = 0;  // the same on all cards
     for (ClusterUI& ui : m_clusters_ui) {
         for (CoreWidgets& widgets : ui.cores) {
             if (widgets.name_label != nullptr && widgets.pct_label != nullptr) {
-                fit_core_label(widgets, card_width);
+                pct_width = pct_width > 0 ? pct_width : text_width(widgets.pct_label, WIDEST_PERCENTAGE);
+                fit_core_label(widgets, card_width, pct_width);
             }
         }
     }
 }
 
 /// The percentage counts at its widest, so that a title does not change with the load.
-void App::fit_core_label(CoreWidgets& widgets, int card_width)
+void App::fit_core_label(CoreWidgets& widgets, int card_width, int pct_width)
 {
     const int number = widgets.cpu_index + 1;
     const std::string long_text = card_title(widgets.cpu_index);
-    const int needed = text_width(widgets.name_label, long_text) + text_width(widgets.pct_label, WIDEST_PERCENTAGE) + TITLE_SLACK;
+    const int needed = text_width(widgets.name_label, long_text) + pct_width + TITLE_SLACK;
     const bool is_short = card_width < needed;
     if (is_short != widgets.short_label) {
         widgets.short_label = is_short;

@@ -44,6 +44,7 @@ void App::create_window()
     g_signal_connect(m_window, "destroy", G_CALLBACK(gtk_widget_destroyed), &m_window);
     g_signal_connect(m_window, "delete-event", G_CALLBACK(on_delete), this);
     g_signal_connect(m_window, "configure-event", G_CALLBACK(on_configure), this);
+    g_signal_connect(m_window, "draw", G_CALLBACK(draw_window), this);
     g_signal_connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc), this);
     build_layout();
 }

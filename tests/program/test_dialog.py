@@ -253,8 +253,11 @@ def test_language(x11: XDisplay, start: Start, tmp_path: Path) -> None:
         assert_dialog_speaks(dialog, texts)
         assert_window_speaks(monitor, texts)
         assert now.language.number == LANGUAGES.index(name)
-        found_edges = dialog_edges(now, texts.is_right_to_left), window_edges(monitor.content(), texts.is_right_to_left)
-        assert found_edges == expected_edges, name
+        is_rtl = texts.is_right_to_left
+
+        def edges(is_rtl: bool = is_rtl) -> object:
+            return dialog_edges(dialog.wait(), is_rtl), window_edges(monitor.content(), is_rtl)
+        wait_until(lambda: edges() == expected_edges, TIMEOUT, f"everything in its place: {name}")  # once it has been given one
         assert x11.windows(texts.settings, monitor.pid) == [window] and monitor.window == main  # neither was closed
         assert now.expanded is expanded
         if name == "العربية":  # from here on with the colours to be seen

@@ -195,7 +195,7 @@ std::vector<std::string> conversions(const std::string& format)
 std::vector<gunichar> characters(const std::string& utf8)
 {
     std::vector<gunichar> list;
-    for (const char* c = utf8.c_str(); *c != '\0'; c = g_utf8_next_char(c)) {
+    for (const char* c = utf8.c_str(); *c != '\0'; c = g_utf8_find_next_char(c, nullptr)) {
         list.push_back(g_utf8_get_char(c));
     }
     return list;

@@ -1,0 +1,387 @@
+/// The masks of curves: areas that can be told without painting, and cairo's own picture of the rest.
+#include "curve_coverage.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <random>
+
+namespace {
+
+using History = std::deque<double>;
+
+constexpr int CAPACITY = 60;
+constexpr double LINE_WIDTH = 1.2;
+constexpr CurveLook AREA{.line_width = LINE_WIDTH, .line_alpha = 0.0, .fill_alpha_top = 1.0, .fill_alpha_bottom = 1.0};
+constexpr CurveLook LINE{.line_width = LINE_WIDTH, .line_alpha = 1.0, .fill_alpha_top = 0.0, .fill_alpha_bottom = 0.0};
+constexpr CurveLook BOTH{.line_width = LINE_WIDTH, .line_alpha = 0.85, .fill_alpha_top = 0.55, .fill_alpha_bottom = 0.04};
+constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
+constexpr double INFINITE = std::numeric_limits<double>::infinity();
+
+/// The bytes of a mask, from 0 to 255.
+class Mask {
+public:
+    explicit Mask(cairo_surface_t* surface) : width(cairo_image_surface_get_width(surface)), height(cairo_image_surface_get_height(surface))
+    {
+        cairo_surface_flush(surface);
+        for (int y = 0; y < height; ++y) {
+            const unsigned char* const row = cairo_image_surface_get_data(surface) + y * cairo_image_surface_get_stride(surface);
+            m_bytes.insert(m_bytes.end(), row, row + width);
+        }
+    }
+
+    int at(int x, int y) const { return m_bytes.at(static_cast<std::size_t>(y * width + x)); }
+    /// The area covered, in pixels.
+    double sum() const
+    {
+        double total = 0.0;
+        for (const int byte : m_bytes) {
+            total += byte / 255.0;
+        }
+        return total;
+    }
+    bool is_clear() const { return sum() == 0.0; }
+    friend bool operator==(const Mask&, const Mask&) = default;
+
+    const int width;
+    const int height;
+
+private:
+    std::vector<int> m_bytes;
+};
+
+Mask mask(const History& history, int w, int h, const CurveLook& look, int scale = 1)
+{
+    CurveCoverage coverage;
+    return Mask(coverage.opacity(history, CAPACITY, w, h, scale, look));
+}
+
+/// What cairo makes of the same curve.
+Mask cairo_mask(const History& history, int w, int h, bool is_line, int scale = 1)
+{
+    cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_A8, w * scale, h * scale);
+    cairo_t* cr = cairo_create(surface);
+    cairo_scale(cr, scale, scale);
+    const auto first = CAPACITY - static_cast<int>(history.size());
+    for (std::size_t i = 0; i < history.size(); ++i) {
+        cairo_line_to(cr, (first + static_cast<int>(i)) / (CAPACITY - 1.0) * w, (1.0 - history[i]) * h);
+    }
+    if (is_line) {
+        cairo_set_line_width(cr, LINE_WIDTH);
+        cairo_stroke(cr);
+    } else {
+        cairo_line_to(cr, w, h);
+        cairo_line_to(cr, first / (CAPACITY - 1.0) * w, h);
+        cairo_fill(cr);
+    }
+    cairo_destroy(cr);
+    Mask result(surface);
+    cairo_surface_destroy(surface);
+    return result;
+}
+
+/// The largest difference of two masks, and the mean of all.
+struct Difference {
+    int largest = 0;
+    double mean = 0.0;
+
+    Difference(const Mask& a, const Mask& b)
+    {
+        for (int y = 0; y < a.height; ++y) {
+            for (int x = 0; x < a.width; ++x) {
+                const int difference = std::abs(a.at(x, y) - b.at(x, y));
+                largest = std::max(largest, difference);
+                mean += difference / static_cast<double>(a.width * a.height);
+            }
+        }
+    }
+};
+
+History flat(double value, std::size_t count = CAPACITY)
+{
+    return History(count, value);
+}
+
+History random_history(unsigned seed, std::size_t count = CAPACITY)
+{
+    std::mt19937 random(seed);
+    History history;
+    while (history.size() < count) {
+        history.push_back(std::uniform_real_distribution<double>(0.0, 1.0)(random));
+    }
+    return history;
+}
+
+/// Cairo counts lines on a grid of 15 rows to a pixel, and so is off by a little itself.
+void expect_as_cairo(const History& history, int w, int h, int scale, double mean = 1.0)
+{
+    for (const bool is_line : {false, true}) {
+        const Difference difference(mask(history, w, h, is_line ? LINE : AREA, scale), cairo_mask(history, w, h, is_line, scale));
+        EXPECT_LE(difference.largest, 20) << w << "x" << h << " at " << scale << " line " << is_line;
+        EXPECT_LE(difference.mean, mean) << w << "x" << h << " at " << scale << " line " << is_line;
+    }
+}
+
+}  // namespace
+
+// --- the area under the curve ---
+
+TEST(Area, UnderALevelLineIsExactAtAnyHeight)
+{
+    for (int part = 0; part <= 400; ++part) {
+        const double load = part / 400.0;
+        const Mask area = mask(flat(load), 52, 20, AREA);
+        for (int y = 0; y < 20; ++y) {
+            const double covered = std::clamp(y + 1 - (1 - load) * 20, 0.0, 1.0);
+            for (const int x : {0, 25, 51}) {
+                ASSERT_NEAR(area.at(x, y), covered * 255, 1) << load << " " << x << "," << y;
+            }
+        }
+    }
+}
+
+TEST(Area, UnderASlopeIsExactInEveryPixel)
+{
+    History history;
+    for (int i = 0; i < CAPACITY; ++i) {
+        history.push_back(i / 59.0);
+    }
+    const Mask area = mask(history, 40, 40, AREA);
+    for (int y = 0; y < 40; ++y) {
+        for (int x = 0; x < 40; ++x) {
+            const int wanted = x + y < 39 ? 0 : x + y == 39 ? 128 : 255;
+            ASSERT_NEAR(area.at(x, y), wanted, 1) << x << "," << y;
+        }
+    }
+}
+
+TEST(Area, UnderOneSteepStepIsExactInEveryPixel)
+{
+    const Mask area = mask({0.0, 1.0}, 59, 40, AREA);  // over the last pixel's width it rises by 40
+    for (int y = 0; y < 40; ++y) {
+        ASSERT_NEAR(area.at(58, y), (y + 0.5) / 40 * 255, 1) << y;
+        ASSERT_EQ(area.at(57, y), 0) << y;
+    }
+}
+
+TEST(Area, BeginsInTheMiddleOfAPixelIfThePointDoes)
+{
+    const Mask area = mask(flat(0.5, 31), 59 * 3 / 2, 10, AREA);  // 30 steps of 88/59
+    const double left = 88 - 30 * 88.0 / 59;
+    EXPECT_NEAR(area.at(static_cast<int>(left), 9), (1 - (left - std::floor(left))) * 255, 1);
+    EXPECT_EQ(area.at(static_cast<int>(left) - 1, 9), 0);
+    EXPECT_EQ(area.at(static_cast<int>(left) + 1, 9), 255);
+}
+
+TEST(Area, OfFullAndOfNoLoadIsAllAndNothing)
+{
+    EXPECT_NEAR(mask(flat(1.0), 52, 60, AREA).sum(), 52 * 60, 1e-9);
+    EXPECT_TRUE(mask(flat(0.0), 52, 60, AREA).is_clear());
+}
+
+TEST(Area, OfLoadsBeyondTheChartIsCutOff)
+{
+    EXPECT_EQ(mask(flat(3.0), 52, 60, AREA), mask(flat(1.0), 52, 60, AREA));
+    EXPECT_TRUE(mask(flat(-3.0), 52, 60, AREA).is_clear());
+    EXPECT_NEAR(mask({-1.0, 2.0}, 59, 60, AREA).sum(), 30, 0.2);
+}
+
+TEST(Area, FadesEvenlyFromTopToBottom)
+{
+    const CurveLook look{.line_width = LINE_WIDTH, .line_alpha = 0.0, .fill_alpha_top = 0.55, .fill_alpha_bottom = 0.04};
+    const Mask area = mask(flat(1.0), 52, 60, look);
+    for (int y = 0; y < 60; ++y) {
+        EXPECT_NEAR(area.at(30, y), 255 * (0.55 - 0.51 * (y + 0.5) / 60), 1) << y;
+    }
+}
+
+// --- the line ---
+
+TEST(Line, LevelOneIsAsWideAsWantedAtAnyHeight)
+{
+    for (int part = 20; part <= 380; ++part) {
+        const double load = part / 400.0;
+        const Mask line = mask(flat(load), 52, 20, LINE);
+        const double middle = (1 - load) * 20;
+        for (int y = 0; y < 20; ++y) {
+            const double covered = std::max(0.0, std::min(y + 1.0, middle + 0.6) - std::max(y + 0.0, middle - 0.6));
+            for (const int x : {0, 25, 51}) {
+                ASSERT_NEAR(line.at(x, y), covered * 255, 2) << load << " " << x << "," << y;
+            }
+        }
+    }
+}
+
+TEST(Line, AtTheEdgesIsCutInHalf)
+{
+    EXPECT_NEAR(mask(flat(1.0), 52, 60, LINE).sum(), 52 * 0.6, 0.2);
+    EXPECT_NEAR(mask(flat(0.0), 52, 60, LINE).sum(), 52 * 0.6, 0.2);
+}
+
+TEST(Line, StraightSlopeHasTheAreaOfLengthTimesWidth)
+{
+    History history;
+    for (int i = 0; i < CAPACITY; ++i) {
+        history.push_back(0.1 + 0.8 * i / 59.0);
+    }
+    const Mask line = mask(history, 60, 60, LINE);
+    // What is cut off at one end of the stroke is as large as what its butt leaves free at the other
+    EXPECT_NEAR(line.sum(), std::hypot(60, 48) * LINE_WIDTH, 0.5);
+}
+
+TEST(Line, MiterOfASharpBendIsThatOfCairo)
+{
+    // Points one unit apart: the angle at the tip falls below cairo's limit of about 11.5 degrees between rises of 9 and of 11
+    for (const double rise : {1.0, 3.0, 6.0, 9.0, 9.8, 10.2, 11.0, 15.0, 40.0}) {
+        for (const double sign : {1.0, -1.0}) {
+            History history = flat(0.5);
+            history[30] += sign * rise / 100;
+            const Difference difference(mask(history, 59, 100, LINE), cairo_mask(history, 59, 100, true));
+            EXPECT_LE(difference.largest, 12) << rise * sign;
+        }
+    }
+}
+
+TEST(Line, OverlappingPartsCoverNoMoreThanOnce)
+{
+    History history;
+    for (int i = 0; i < CAPACITY; ++i) {
+        history.push_back(i % 2 == 0 ? 0.3 : 0.7);
+    }
+    for (const int w : {10, 52, 118, 300}) {
+        const Difference difference(mask(history, w, 60, LINE), cairo_mask(history, w, 60, true));
+        EXPECT_LE(difference.largest, 20) << w;
+    }
+}
+
+TEST(Line, BeyondTheChartIsNotSeen)
+{
+    EXPECT_TRUE(mask(flat(3.0), 52, 60, LINE).is_clear());
+    EXPECT_TRUE(mask(flat(-3.0), 52, 60, LINE).is_clear());
+}
+
+// --- both together ---
+
+TEST(Opacity, LineLiesOverTheArea)
+{
+    const Mask both = mask(flat(0.5), 52, 60, BOTH);
+    EXPECT_EQ(both.at(25, 10), 0);
+    EXPECT_NEAR(both.at(25, 50), 255 * (0.55 - 0.51 * 50.5 / 60), 1);
+    const double area = 0.55 - 0.51 * 30.5 / 60;
+    EXPECT_NEAR(both.at(25, 30), 255 * (1 - (1 - area) * (1 - 0.85 * 0.6)), 1);
+}
+
+TEST(Opacity, NothingIsSeenOfFewerThanTwoPoints)
+{
+    CurveCoverage coverage;
+    EXPECT_EQ(coverage.opacity({}, CAPACITY, 52, 60, 1, BOTH), nullptr);
+    EXPECT_EQ(coverage.opacity({0.7}, CAPACITY, 52, 60, 1, BOTH), nullptr);
+    EXPECT_NE(coverage.opacity({0.7, 0.7}, CAPACITY, 52, 60, 1, BOTH), nullptr);
+}
+
+TEST(Opacity, NothingIsSeenOfAChartWithoutSize)
+{
+    CurveCoverage coverage;
+    EXPECT_EQ(coverage.opacity(flat(0.5), CAPACITY, 0, 60, 1, BOTH), nullptr);
+    EXPECT_EQ(coverage.opacity(flat(0.5), CAPACITY, 52, -1, 1, BOTH), nullptr);
+    EXPECT_EQ(coverage.opacity(flat(0.5), CAPACITY, 52, 60, 0, BOTH), nullptr);
+}
+
+TEST(Opacity, MaskIsAsLargeAsTheChartInPixelsAndItsUnitsAreTheChart)
+{
+    CurveCoverage coverage;
+    cairo_surface_t* const surface = coverage.opacity(flat(0.5), CAPACITY, 52, 60, 3, BOTH);
+    EXPECT_EQ(cairo_image_surface_get_width(surface), 156);
+    EXPECT_EQ(cairo_image_surface_get_height(surface), 180);
+    double scale_x = 0.0;
+    double scale_y = 0.0;
+    cairo_surface_get_device_scale(surface, &scale_x, &scale_y);
+    EXPECT_EQ(scale_x, 3.0);
+    EXPECT_EQ(scale_y, 3.0);
+}
+
+TEST(Opacity, ObjectThatIsUsedAgainRemembersNothing)
+{
+    CurveCoverage coverage;
+    const auto both = [&](const History& history, int w, int h, int scale) {
+        return Mask(coverage.opacity(history, CAPACITY, w, h, scale, BOTH));
+    };
+    for (const auto& [w, h, scale] : {std::tuple{52, 60, 1}, {230, 60, 1}, {52, 60, 1}, {53, 60, 2}, {1, 1, 1}, {230, 61, 1}}) {
+        both(random_history(1), w, h, scale);
+        ASSERT_EQ(both(random_history(2), w, h, scale), mask(random_history(2), w, h, BOTH, scale)) << w << "x" << h << " at " << scale;
+        both(flat(5.0), w, h, scale);
+        both(flat(0.0), w, h, scale);
+    }
+}
+
+TEST(Opacity, NumbersThatAreNoneCountAsNoLoad)
+{
+    EXPECT_EQ(mask({0.5, NOT_A_NUMBER, 0.5, 0.2}, 52, 60, BOTH), mask({0.5, 0.0, 0.5, 0.2}, 52, 60, BOTH));
+    EXPECT_EQ(mask(flat(NOT_A_NUMBER), 52, 60, BOTH), mask(flat(0.0), 52, 60, BOTH));
+}
+
+TEST(Opacity, AnyHistoryInAnyChartStaysInItsBuffers)  // for the address sanitizer, and for what the library itself checks
+{
+    std::mt19937 random(20240301);
+    const double odd[] = {NOT_A_NUMBER, INFINITE, -INFINITE, 1e300, -1e300, -0.0, 1.0, 0.0, 1.0000001, -0.0000001, 100.0};
+    CurveCoverage coverage;
+    for (int i = 0; i < 400; ++i) {
+        History history = random_history(static_cast<unsigned>(i), std::uniform_int_distribution<std::size_t>(2, 70)(random));
+        for (int j = 0; j < 8; ++j) {
+            history[random() % history.size()] = odd[random() % std::size(odd)];
+        }
+        const int w = static_cast<int>(random() % 70) + 1;
+        const int h = static_cast<int>(random() % 70) + 1;
+        cairo_surface_t* const surface = coverage.opacity(history, CAPACITY, w, h, i % 3 + 1, BOTH);
+        ASSERT_EQ(cairo_surface_status(surface), CAIRO_STATUS_SUCCESS);
+        for (const auto* cells : {&coverage.m_area, &coverage.m_line}) {
+            ASSERT_TRUE(std::all_of(cells->begin(), cells->end(), [](auto cell) { return cell == 0; })) << "chart " << i;
+        }
+    }
+}
+
+TEST(Opacity, ChartsOfOneSizeAllocateOnce)
+{
+    CurveCoverage coverage;
+    cairo_surface_t* const first = coverage.opacity(random_history(1), CAPACITY, 52, 60, 1, BOTH);
+    const auto* const cells = coverage.m_line.data();
+    EXPECT_EQ(coverage.opacity(random_history(2), CAPACITY, 52, 60, 1, BOTH), first);
+    coverage.opacity(random_history(3), CAPACITY, 51, 60, 1, BOTH);
+    EXPECT_EQ(coverage.m_line.data(), cells);
+}
+
+TEST(Opacity, RandomHistoriesAreThoseOfCairo)
+{
+    for (unsigned seed = 0; seed < 10; ++seed) {
+        expect_as_cairo(random_history(seed), 52, 60, 1, 1.5);
+        expect_as_cairo(random_history(seed), 230, 60, 1);
+        expect_as_cairo(random_history(seed), 52, 60, 2);
+        expect_as_cairo(random_history(seed), 52, 60, 3);
+    }
+}
+
+TEST(Opacity, ShortHistoriesAreThoseOfCairo)
+{
+    for (const std::size_t count : {2U, 3U, 10U, 59U}) {
+        expect_as_cairo(random_history(5, count), 52, 60, 1, 1.5);
+        expect_as_cairo(random_history(6, count), 230, 60, 2);
+    }
+}
+
+TEST(Opacity, WideChartsAreThoseOfCairo)
+{
+    expect_as_cairo(random_history(7), 1500, 60, 1);
+    expect_as_cairo(random_history(8), 1500, 60, 2);
+}
+
+TEST(Opacity, TinyChartsAreCovered)
+{
+    EXPECT_EQ(mask(flat(1.0), 1, 1, AREA).at(0, 0), 255);
+    EXPECT_NEAR(mask(flat(0.5), 1, 1, AREA).at(0, 0), 128, 1);
+    EXPECT_NEAR(mask(flat(0.5), 1, 1, LINE).at(0, 0), 255, 1);
+    EXPECT_NEAR(mask(flat(0.0), 1, 1, LINE).at(0, 0), 153, 1);
+    expect_as_cairo(random_history(9), 3, 5, 1, 20.0);
+}
