@@ -418,9 +418,12 @@ TEST_F(Columns, TitlesFitTheNewWidthBeforeTheWindowHasIt)
 
 TEST_F(Columns, PlaceAndSizeOfThatMomentAreSavedWithThemInTheRecordOfTheOrientation)
 {
-    IdleApp vertical(Shape{.clusters = {8}});
-    listen(vertical);
-    vertical.relayout_cores(4);
+    {
+        IdleApp vertical(Shape{.clusters = {8}});
+        listen(vertical);
+        vertical.relayout_cores(4);
+        g_overheard.app = nullptr;
+    }
     EXPECT_EQ(stored(VERTICAL), "300x500 at 200,100, 4 columns");
     EXPECT_EQ(stored(HORIZONTAL), "0x0 at 0,0, 4 columns");
     IdleApp horizontal(Shape{.clusters = {8}, .horizontal = true, .columns = 2});
@@ -538,9 +541,9 @@ TEST_F(Rebuild, TreeIsThatOfAWindowWhichStartsSo)
 
 TEST_F(Rebuild, OldWidgetsAllGo)
 {
+    LiveWidgets old;  // which the widgets tell of their end
     IdleApp app(Shape{.clusters = {4, 2}, .columns = 2});
     ASSERT_TRUE(app.show());
-    LiveWidgets old;
     old.watch(content_of(app));
     ASSERT_GT(old.count(), 6 * 4);
     switch_to(app, HORIZONTAL);
@@ -1002,10 +1005,10 @@ TEST_F(Switching, TwoHundredLeaveNothingBehindAndNeverMixTheRecords)
     constexpr std::size_t GENEROUS = 64 * 1024;  // bytes; less than half a kilobyte for each switch
     traces.set(std::nullopt);
     store(HORIZONTAL, {150, 120, 700, 460}, 2);
+    LiveWidgets live;  // which the widgets tell of their end
     IdleApp app(Shape{.clusters = {4, 2}, .columns = 1});
     ASSERT_TRUE(app.show());
     listen(app, {300, 200, 320, 600});
-    LiveWidgets live;
     live.watch(content_of(app));
     std::string left = "320x600 at 300,200, 1 columns";
     std::size_t used_before = 0;

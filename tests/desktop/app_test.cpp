@@ -139,12 +139,22 @@ FILE* fopen64(const char* path, const char* mode)
     return next<decltype(fopen64)>("fopen64")(path, mode);
 }
 
+#ifdef THREAD_SANITIZED
+// The thread sanitizer's own, which has to know of every thread and stands in the program like those below
+int __interceptor_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* data) noexcept;
+int __interceptor_pthread_join(pthread_t thread, void** result);
+#endif
+
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* data) noexcept
 {
     if (g_overheard.listens() && !g_overheard.sampling().empty()) {
         g_overheard.note("thread, with these running: " + g_overheard.sampling());
     }
+#ifdef THREAD_SANITIZED
+    return __interceptor_pthread_create(thread, attributes, start, data);
+#else
     return next<decltype(pthread_create)>("pthread_create")(thread, attributes, start, data);
+#endif
 }
 
 int pthread_join(pthread_t thread, void** result)
@@ -152,7 +162,11 @@ int pthread_join(pthread_t thread, void** result)
     if (g_overheard.listens()) {
         g_overheard.note("join, with these running: " + g_overheard.sampling());
     }
+#ifdef THREAD_SANITIZED
+    return __interceptor_pthread_join(thread, result);
+#else
     return next<decltype(pthread_join)>("pthread_join")(thread, result);
+#endif
 }
 
 void gtk_label_set_markup(GtkLabel* label, const gchar* markup)

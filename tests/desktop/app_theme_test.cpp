@@ -682,8 +682,8 @@ std::string text_of_value(const GValue& value)
         const auto* const color = static_cast<const GdkRGBA*>(g_value_get_boxed(&value));
         return color->alpha == 1.0 ? rgb_to_hex({color->red, color->green, color->blue}) : "translucent";
     }
-    if (G_VALUE_HOLDS(&value, G_TYPE_STRV)) {
-        return static_cast<const gchar* const*>(g_value_get_boxed(&value))[0];
+    if (G_VALUE_HOLDS(&value, PANGO_TYPE_FONT_DESCRIPTION)) {
+        return pango_font_description_get_family(static_cast<const PangoFontDescription*>(g_value_get_boxed(&value)));
     }
     if (G_VALUE_HOLDS_ENUM(&value)) {
         return std::to_string(g_value_get_enum(&value));
@@ -696,7 +696,8 @@ std::string style_of(GtkWidget* widget, const std::string& property)
 {
     GtkStyleContext* const context = gtk_widget_get_style_context(widget);
     GValue value = G_VALUE_INIT;
-    gtk_style_context_get_property(context, property.c_str(), gtk_style_context_get_state(context), &value);
+    const std::string asked = property == "font-family" ? "font" : property;  // GTK loses the list that it makes of the families alone
+    gtk_style_context_get_property(context, asked.c_str(), gtk_style_context_get_state(context), &value);
     std::string text = text_of_value(value);
     g_value_unset(&value);
     return text;
