@@ -45,6 +45,15 @@ void allocate_content_again(GtkWidget* window)
     }
 }
 
+/// The text with whatever is not UTF-8 replaced: a hypervisor may give its CPU any bytes for a name, and Pango would complain each time.
+std::string valid_utf8(const std::string& text)
+{
+    gchar* const valid = g_utf8_make_valid(text.c_str(), -1);
+    const std::string result = valid;
+    g_free(valid);
+    return result;
+}
+
 GtkWidget* create_row_box()
 {
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, CARD_GAP);
@@ -82,7 +91,7 @@ GtkWidget* App::create_header_block()
     GtkWidget* header = gtk_box_new(GTK_ORIENTATION_VERTICAL, 1);
     add_class(header, "header");
 
-    m_cpu_label = gtk_label_new(m_sys_metrics->get_cpu_name().c_str());
+    m_cpu_label = gtk_label_new(valid_utf8(m_sys_metrics->get_cpu_name()).c_str());
     gtk_label_set_xalign(GTK_LABEL(m_cpu_label), 0.0);
     gtk_label_set_line_wrap(GTK_LABEL(m_cpu_label), TRUE);
     add_class(m_cpu_label, "cpu-name");

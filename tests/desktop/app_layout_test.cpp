@@ -99,6 +99,17 @@ TEST_F(Tree, AppKnowsItsLabelsAndItsContainers)
     EXPECT_EQ(app.m_core_grid, parts.at(2));
 }
 
+TEST_F(Tree, CpuNameOfAnyBytesIsShownWithoutAComplaint)
+{
+    IdleApp app(Shape{.clusters = {2}});
+    app.m_sys_metrics->m_cpu_name = "Virtual \xFF\xC3 CPU \xC2\xB5";
+    gtk_widget_destroy(gtk_bin_get_child(GTK_BIN(app.m_window)));
+    app.release_sections();
+    app.build_layout();
+    ASSERT_TRUE(app.show());
+    EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(app.m_cpu_label)), "Virtual \xEF\xBF\xBD\xEF\xBF\xBD CPU \xC2\xB5");
+}
+
 TEST_F(Tree, ContainerIsAGridInVerticalOrientationAndForASingleRow)
 {
     for (const Shape& shape : {Shape{.clusters = {4}, .columns = 3}, Shape{.clusters = {4}, .columns = 0},
