@@ -13,7 +13,7 @@ import time
 from collections.abc import Callable, Iterator, Sequence
 from contextlib import ExitStack
 from pathlib import Path
-from typing import NamedTuple, Self
+from typing import NamedTuple
 
 import pytest
 
@@ -22,6 +22,7 @@ from displays import XDisplay, wait_until
 from fakemachine import Machine, preset
 from monitor import TIMEOUT, Card, Gate, Monitor, Start
 from proc_stat import Line, cpu_lines, percentage, usages
+from repeating import Repeating
 
 STAT = "/proc/stat"
 LOW, MIDDLE, HIGH = (25, 153, 51), (204, 153, 0), (229, 51, 25)  # of the light theme
@@ -73,30 +74,6 @@ def test_every_kind_of_time_counts_where_it_belongs(x11: XDisplay, machines: Exi
     expected = [busy, busy, busy, idle, idle, busy, busy, busy, idle, idle]
     with counters:
         monitor.wait_for_percentages(cards, expected, f"time of each kind: {', '.join(kinds)}")
-
-
-class Repeating:
-    """Does something again and again in a thread of its own, as long as the context lasts."""
-
-    def __init__(self, seconds: float) -> None:
-        self._seconds = seconds
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._run)
-
-    def __enter__(self) -> Self:
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._stop.set()
-        self._thread.join()
-
-    def _run(self) -> None:
-        while not self._stop.wait(self._seconds):
-            self.step()
-
-    def step(self) -> None:
-        raise NotImplementedError
 
 
 class Counting(Repeating):

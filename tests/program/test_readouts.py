@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 import re
 import subprocess
-import threading
 import time
 from collections.abc import Callable
 from itertools import count
@@ -23,6 +22,7 @@ from displays import XDisplay, wait_until
 from fakemachine import Machine, preset
 from kernel_readings import CPUS, ENERGY, KernelReadings
 from monitor import TIMEOUT, Monitor, Start
+from repeating import Repeating
 
 PRESETS = ["hybrid-20", "hybrid-22", "desktop-16", "laptop-acpitz", "server-64", "vm-2", "arm-8", "offline-8",
            "levels-5"]
@@ -197,32 +197,19 @@ def test_readouts_stand_at_the_two_ends_of_their_row(x11: XDisplay, start: Start
 
 # --- machines that move ---
 
-class Recorder:
+class Recorder(Repeating):
     """Reads a machine's files twenty times a second, and remembers what they have held."""
 
     def __init__(self, machine: Machine) -> None:
+        super().__init__(0.05)
         self._kernel = KernelReadings(machine)
         self.statuses: set[str] = set()
         self.tooltips: set[str] = set()
         self.infos: set[str] = set()
         self.energies: list[tuple[float, int]] = []
-        self._look()
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._run)
+        self.step()
 
-    def __enter__(self) -> Recorder:
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._stop.set()
-        self._thread.join()
-
-    def _run(self) -> None:
-        while not self._stop.wait(0.05):
-            self._look()
-
-    def _look(self) -> None:
+    def step(self) -> None:
         kernel = self._kernel
         self.statuses.add(kernel.status)
         self.tooltips.add(kernel.tooltip)

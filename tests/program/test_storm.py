@@ -12,14 +12,12 @@ from __future__ import annotations
 import os
 import random
 import signal
-import threading
 import time
 import traceback
 from collections import Counter
 from collections.abc import Callable
 from contextlib import ExitStack, suppress
 from pathlib import Path
-from typing import Self
 
 from gi.repository import GLib
 
@@ -32,6 +30,7 @@ from geometry_records import Home
 from kernel_readings import CPUS, ENERGY, THERMAL, KernelReadings
 from mock_portal import COLOR_SCHEME, DARK, LIGHT, Answer, Late, MockPortal, emit, scheme, value
 from monitor import TIMEOUT, Monitor, Start
+from repeating import Repeating
 from settings_dialog import LANGUAGES, THEMES, SettingsDialog, while_it_changes
 from shown_values import Shown, Told, look, throttle_figure, watts_of
 
@@ -55,30 +54,24 @@ MACHINE = {
 Act = Callable[[random.Random], str]
 
 
-class Actor:
-    """Does something at random moments, in a thread of its own, as long as the context lasts. What it did is counted."""
+class Actor(Repeating):
+    """Does something at random moments. What it did is counted; an error ends it."""
 
     def __init__(self, name: str, act: Act, longest_rest: float) -> None:
+        super().__init__(longest_rest, name)
         self.name, self.done, self.error = name, Counter[str](), ""
-        self._act, self._rest = act, longest_rest
+        self._act = act
         self._random = random.Random(f"{SEED} {name}")
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._run, name=name)
 
-    def __enter__(self) -> Self:
-        self._thread.start()
-        return self
+    def rest(self) -> float:
+        return self._random.uniform(0, super().rest())
 
-    def __exit__(self, *_: object) -> None:
-        self._stop.set()
-        self._thread.join()
-
-    def _run(self) -> None:
+    def step(self) -> None:
         try:
-            while not self._stop.wait(self._random.uniform(0, self._rest)):
-                self.done[self._act(self._random)] += 1
+            self.done[self._act(self._random)] += 1
         except Exception as error:  # the test looks at it
             self.error = f"{self.name}: {error!r}\n{traceback.format_exc()}"
+            self._stop.set()
 
 
 # --- the kernel's files ---
