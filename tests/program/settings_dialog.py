@@ -346,7 +346,7 @@ def while_it_changes(look: Callable[[], T]) -> Callable[[], T | None]:
     def look_again() -> T | None:
         try:
             return look()
-        except (GLib.Error, ValueError, IndexError):  # one is gone already, or not yet there
+        except (GLib.Error, ValueError, IndexError, StopIteration):  # one is gone already, or not yet there
             return None
     return look_again
 
