@@ -16,6 +16,7 @@ constexpr double HIGHEST_LOAD = 16.0;          // more than this is as good as i
 constexpr float FLAT = 1e-3F;                  // of a slope: the end of such a line is taken for upright
 constexpr int TOUCHING = SAMPLE_WEIGHT / 64;   // spans with no more between them count as one
 constexpr float FAR = 1e6F;                    // beyond any chart
+constexpr float ROUND = 0.5F;                  // makes of cutting towards zero a rounding; std::lround takes much longer
 
 /// The high half of a product. With both sides below 2^15 the result has one bit less than they.
 std::uint16_t high_product(std::uint16_t a, std::uint16_t b)
@@ -270,7 +271,7 @@ void CurveCoverage::add_area_in_column(int column, float width, float top, float
     for (std::uint16_t* cell = &m_area[static_cast<std::size_t>(row) * m_stride + static_cast<std::size_t>(column)]; row < m_height;
          ++row, cell += m_stride) {
         const float down_to_next = covered_above(static_cast<float>(row + 1));
-        const int covered = static_cast<int>((down_to_next - down_to_here) * weight + 0.5F);
+        const int covered = static_cast<int>((down_to_next - down_to_here) * weight + ROUND);
         *cell = static_cast<std::uint16_t>(*cell + covered - before);
         if (static_cast<float>(row) >= bottom) {
             return;
@@ -318,7 +319,7 @@ void CurveCoverage::add_piece(const Piece& piece)
         const int count = std::min(end - first, BATCH);
         for (int i = 0; i < count; ++i) {
             if (tops[i] < bottoms[i]) {
-                unite(static_cast<std::size_t>(first + i), {tops[i], bottoms[i]});
+                unite(static_cast<std::size_t>(first) + static_cast<std::size_t>(i), {tops[i], bottoms[i]});
             }
         }
     }
