@@ -49,7 +49,7 @@ void allocate_content_again(GtkWidget* window)
 std::string valid_utf8(const std::string& text)
 {
     gchar* const valid = g_utf8_make_valid(text.c_str(), -1);
-    const std::string result = valid;
+    std::string result = valid;
     g_free(valid);
     return result;
 }
