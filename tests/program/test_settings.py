@@ -13,7 +13,7 @@ import pytest
 
 from displays import Display, SwayDisplay, XDisplay
 from fakemachine import preset
-from monitor import Content, Monitor, Start, as_root_without_rights, config_folder, is_root, settings_text, write_settings
+from monitor import TIMEOUT, Content, Monitor, Start, as_root_without_rights, config_folder, is_root, settings_text, write_settings
 
 SIDE_PANEL_WIDTH = 230
 TWO_GROUPS = {**preset("frequency-hybrid-12"), "model": "Chip", "load": {"kind": "steady", "percent": 50}}
@@ -110,8 +110,11 @@ def test_right_to_left_mirrors_the_window(
     display = displays.enter_context(kind())
     english, arabic = (start(display, TWO_GROUPS, {"language": language, "orientation": orientation})
                        for language in ("en", "ar"))
+
+    def is_mirrored() -> bool:
+        return distances_to_start(arabic.content(), left_to_right=False) == distances_to_start(english.content(), left_to_right=True)
+    wait_until(is_mirrored, TIMEOUT, "a mirrored window")  # a look may fall between a new text and its place
     plain, mirrored = english.content(), arabic.content()
-    assert distances_to_start(mirrored, left_to_right=False) == distances_to_start(plain, left_to_right=True)
     assert all(card.name_rect.right <= card.percentage_rect.x for card in plain.cards)
     assert all(card.percentage_rect.right <= card.name_rect.x for card in mirrored.cards)
     if orientation == "horizontal":
