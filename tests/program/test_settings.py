@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from displays import Display, SwayDisplay, XDisplay
+from displays import Display, SwayDisplay, XDisplay, wait_until
 from fakemachine import preset
 from monitor import TIMEOUT, Content, Monitor, Start, as_root_without_rights, config_folder, is_root, settings_text, write_settings
 
