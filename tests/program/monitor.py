@@ -17,6 +17,7 @@ from accessibility import AccessibilityBus, Address, Node, Rect
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, load_picture, wait_until
 from fakemachine import Machine
 
+MAX_LOOKS, MANY_CARDS = 5, 32  # at a window whose parts may be moving; where a look takes long
 TIMEOUT = 30.0  # seconds; a deadline for a busy machine, not an expectation
 TITLE, PROGRAM_NAME = "Vantric", "vantric"
 
@@ -67,6 +68,11 @@ class Content:
     @property
     def cards(self) -> list[Card]:
         return [card for section in self.sections for card in section.cards]
+
+    @property
+    def places(self) -> list[Rect]:
+        cards = [rect for card in self.cards for rect in (card.rect, card.name_rect, card.percentage_rect, card.chart)]
+        return [self.cpu_name_rect, self.gear, self.total_panel, self.total_chart, *cards]
 
     @property
     def titles(self) -> list[tuple[str, str | None]]:
@@ -199,8 +205,14 @@ class Monitor:
     # --- content ---
 
     def content(self) -> Content:
-        """What the window shows now; waits for the window."""
-        return read_content(self.bus.tree(self.root))
+        """What the window shows now; waits for the window. A look can fall between a new text and its place, so a window of usual size is
+        looked at until everything stands where it stood a moment ago."""
+        content = read_content(self.bus.tree(self.root))
+        for _ in range(MAX_LOOKS if len(content.cards) <= MANY_CARDS else 0):
+            before, content = content, read_content(self.bus.tree(self.root))
+            if content.places == before.places:
+                break
+        return content
 
     def tree(self) -> Node:
         """All widgets of the window."""
