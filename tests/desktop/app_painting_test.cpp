@@ -37,7 +37,8 @@ Picture painted_by_gtk(App& app)
             forbid(core.card, App::draw_card);
         }
     }
-    Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window));
+    Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window),
+                    gtk_widget_get_scale_factor(app.m_window));
     gtk_widget_draw(app.m_window, picture.cr());
     return picture;
 }
@@ -63,6 +64,11 @@ protected:
 
 class WindowOnScreen : public Frames {};
 
+class ScaledWindowOnScreen : public DesktopTest {
+protected:
+    const ScopedEnv scale{"GDK_SCALE", "2"};
+};
+
 }  // namespace
 
 TEST_F(WindowOnScreen, IsWhatGtkPaints)
@@ -84,6 +90,17 @@ TEST_F(WindowOnScreen, IsWhatGtkPaintsWithLargeCards)
     ASSERT_TRUE(app.show());
     expect_as_by_gtk(app);
     EXPECT_THAT(app.m_card_frames, IsEmpty()) << "a picture of a large card takes more memory than it saves time";
+}
+
+TEST_F(ScaledWindowOnScreen, IsWhatGtkPaintsInFullResolution)
+{
+    gtk_init(nullptr, nullptr);
+    IdleApp app(SMALL_CARDS);
+    app.apply_theme();
+    ASSERT_TRUE(app.show());
+    ASSERT_EQ(gtk_widget_get_scale_factor(app.m_window), 2);
+    expect_as_by_gtk(app);
+    EXPECT_FALSE(app.m_card_frames.empty());
 }
 
 TEST_F(WindowOnScreen, FollowsAChangeOfTheme)
