@@ -2,12 +2,14 @@
 
 from __future__ import annotations
 
+import math
 import os
 import re
 import subprocess
 import time
 from collections.abc import Callable
-from itertools import count
+from dataclasses import dataclass
+from itertools import combinations, count
 from pathlib import Path
 from typing import NamedTuple
 
@@ -206,7 +208,6 @@ class Recorder(Repeating):
         self.statuses: set[str] = set()
         self.tooltips: set[str] = set()
         self.infos: set[str] = set()
-        self.energies: list[tuple[float, int]] = []
         self.step()
 
     def step(self) -> None:
@@ -214,26 +215,60 @@ class Recorder(Repeating):
         self.statuses.add(kernel.status)
         self.tooltips.add(kernel.tooltip)
         self.infos.add(kernel.info_forms[0])
-        energy = kernel.number(ENERGY)
-        if energy is not None:
-            self.energies.append((time.monotonic(), energy))
+
+
+@dataclass
+class Standing:
+    """What the energy counter was, and the time in which a program can have read it."""
+    energy: int  # microjoules
+    since: float
+    until: float = math.inf
+
+
+class EnergyHistory:
+    """Every state of a machine's energy counter. It listens to the machine, as reading would miss states on a busy computer."""
+
+    LEAST_SECONDS, MOST_SECONDS = 1.9, 4.0  # between two readings of the program
+    HELD_UP_SECONDS = 0.1  # at most, from a reading to the look at the clock
+    ROUNDING = 0.06  # of a figure in tenths of a watt
+
+    def __init__(self, machine: Machine) -> None:
+        self._states = [Standing(int(machine.read(ENERGY)), time.monotonic())]
+        self._file = machine.movable(ENERGY)
+        self._publish = machine.publish
+        machine.publish = self._listen
+
+    def _listen(self, file: Path, text: str) -> None:
+        before = time.monotonic()
+        self._publish(file, text)
+        if file == self._file:
+            self._states[-1].until = time.monotonic()
+            self._states.append(Standing(int(text), before))
 
     def explains(self, watts: float) -> bool:
-        """Whether two readings about a pass or more apart give this power."""
-        states = list(self.energies)
-        return any(abs((late - early) / 1e6 / (end - begin) - watts) < 0.06
-                   for place, (end, late) in enumerate(states) for begin, early in states[:place]
-                   if end - begin > 0.1 and late > early)
+        """Whether two readings a pass apart give this power."""
+        return any(self._can_give(watts, early, late) for early, late in combinations(list(self._states), 2))
+
+    def _can_give(self, watts: float, early: Standing, late: Standing) -> bool:
+        joules = (late.energy - early.energy) / 1e6
+        longest = late.until + self.HELD_UP_SECONDS - early.since
+        shortest = max(late.since - early.until - self.HELD_UP_SECONDS, self.LEAST_SECONDS)
+        return (longest >= self.LEAST_SECONDS and shortest <= self.MOST_SECONDS and joules > 0
+                and joules / longest - self.ROUNDING <= watts <= joules / shortest + self.ROUNDING)
 
 
 def test_moving_machine_shows_only_what_its_files_have_held(x11: XDisplay, start: Start, machines) -> None:
     machine = machines.enter_context(Machine({**preset("offline-8"), "throttle": None}))
+    history = EnergyHistory(machine)
     machine.start()
     with Recorder(machine) as recorder:
         monitor = start(x11, machine)
         widen(x11, monitor)
         labels = labels_of(monitor)
         wait_until(lambda: readouts(monitor, labels).info in recorder.infos, TIMEOUT, "a first reading")
+        # The first pass follows the start at once, so only what comes after it spans a whole pause
+        first = readouts(monitor, labels).status
+        wait_until(lambda: readouts(monitor, labels).status != first, TIMEOUT, "a second reading")
         seen: set[Readouts] = set()
 
         def look() -> bool:
@@ -245,7 +280,7 @@ def test_moving_machine_shows_only_what_its_files_have_held(x11: XDisplay, start
     assert {part[1] for part in parts if part and part[1]} <= recorder.statuses
     powers = [float(part[2]) for part in parts if part and part[2]]
     assert len(powers) >= 3
-    assert not [watts for watts in powers if not recorder.explains(watts)], powers
+    assert not [watts for watts in powers if not history.explains(watts)], powers
     assert {shown.info for shown in seen} <= recorder.infos
     degrees = {shown.tooltip for shown in seen if "°C" in shown.tooltip}
     assert {re.sub(r"^Throttle: |\n.*", "", text) for text in degrees} <= recorder.tooltips
