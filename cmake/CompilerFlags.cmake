@@ -27,6 +27,7 @@ target_compile_options(vantric_flags INTERFACE "-ffile-prefix-map=${PROJECT_SOUR
 if(VANTRIC_SANITIZE)
   target_compile_options(vantric_flags INTERFACE "-fsanitize=${VANTRIC_SANITIZE}" -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(vantric_flags INTERFACE "-fsanitize=${VANTRIC_SANITIZE}")
+  target_compile_definitions(vantric_flags INTERFACE _GLIBCXX_ASSERTIONS)  # subscripts, too, are looked at
 else()
   # What distributions harden their packages with. FORTIFY needs an optimised build.
   target_compile_options(vantric_flags INTERFACE -fstack-protector-strong -fstack-clash-protection)

@@ -105,6 +105,8 @@ private:
         }
     };
 
+    /// Takes our handlers off the window and the cards.
+    void stop_listening();
     static gboolean on_update(gpointer data);
     /// One tick: fresh readings into the cache, the labels, and a redraw of every chart.
     void update();
@@ -148,7 +150,7 @@ private:
     static gboolean draw_window(GtkWidget* window, cairo_t* cr, gpointer data);
     /// "draw" handler of a card: puts its frame under its children, from a picture that all cards of its size share.
     static gboolean draw_card(GtkWidget* card, cairo_t* cr, gpointer data);
-    /// "style-updated" handler of the first card, for all.
+    /// "style-updated" handler of the very first card, for all.
     static void forget_card_frames(GtkWidget* card, gpointer data);
     /// Background and border of a card, for a canvas such as `cr`. Borrowed, until the next call.
     cairo_surface_t* card_frame(GtkWidget* card, cairo_t* cr);

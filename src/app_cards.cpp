@@ -154,6 +154,10 @@ void App::name_status_widgets()
     if (m_total_panel == nullptr) {
         return;
     }
-    set_accessible_name(widget_of(m_total_panel, "gear"), I18n::instance().tr("Settings"));
-    set_accessible_name(m_total_chart, I18n::instance().tr("Total"));
+    if (GtkWidget* gear = widget_of(m_total_panel, "gear")) {
+        set_accessible_name(gear, I18n::instance().tr("Settings"));
+    }
+    if (m_total_chart != nullptr) {
+        set_accessible_name(m_total_chart, I18n::instance().tr("Total"));
+    }
 }

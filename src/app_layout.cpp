@@ -141,7 +141,7 @@ void App::create_sections()
         for (const std::int32_t cpu_index : cluster.cpu_indices) {
             GtkWidget* card = create_core_card(cpu_index, cluster.color_index);
             g_object_ref_sink(card);
-            if (&ui == &m_clusters_ui.front() && ui.cores.empty()) {
+            if (card_count() == 0) {
                 g_signal_connect(card, "style-updated", G_CALLBACK(forget_card_frames), this);
             }
             ui.cores.push_back({.card = card,
@@ -241,7 +241,9 @@ void App::on_win_size_alloc(GtkWidget*, GtkAllocation* allocation, gpointer data
         app.m_last_window_w = allocation->width;
         app.fit_core_labels(allocation->width);
         app.update_info_line();
-        allocate_content_again(app.m_window);
+        if (app.m_window != nullptr) {
+            allocate_content_again(app.m_window);
+        }
     }
     if (allocation->height != app.m_last_window_h) {
         app.m_last_window_h = allocation->height;

@@ -61,8 +61,9 @@ void render_frame(GtkWidget* card, cairo_t* cr, int width, int height)
 gboolean App::draw_window(GtkWidget* window, cairo_t* cr, gpointer data)
 {
     App& app = *static_cast<App*>(data);
-    if (app.m_painting) {
-        return FALSE;  // asked for by ourselves: now GTK's turn
+    const bool is_on_screen = gdk_cairo_get_drawing_context(cr) != nullptr;
+    if (app.m_painting || !is_on_screen) {
+        return FALSE;  // GTK's turn: asked for by ourselves, or for a canvas of somebody else's, of whatever scale
     }
     app.m_painting = true;
     if (cairo_surface_get_type(cairo_get_target(cr)) == CAIRO_SURFACE_TYPE_XLIB) {
@@ -79,7 +80,7 @@ gboolean App::draw_card(GtkWidget* card, cairo_t* cr, gpointer data)
     App& app = *static_cast<App*>(data);
     const int pixels = gtk_widget_get_allocated_width(card) * gtk_widget_get_allocated_height(card);
     if (!app.m_painting || pixels > MAX_CARD_FRAME_PIXELS) {
-        return FALSE;  // GTK's turn: a canvas of somebody else's, of whatever scale, or a window with few cards
+        return FALSE;  // GTK's turn: a canvas of somebody else's, or a window with few cards
     }
     cairo_set_source_surface(cr, app.card_frame(card, cr), 0, 0);
     cairo_paint(cr);

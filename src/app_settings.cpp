@@ -463,7 +463,9 @@ void App::save_settings() const
 
 void App::step_columns(int step)
 {
-    m_num_columns = std::clamp(m_num_columns + step, MIN_COLUMNS, MAX_COLUMNS);
+    if (step < 0 ? m_num_columns > MIN_COLUMNS : m_num_columns < MAX_COLUMNS) {
+        m_num_columns += step;
+    }
     gtk_label_set_text(GTK_LABEL(m_col_label), std::to_string(m_num_columns).c_str());
 }
 
@@ -487,7 +489,9 @@ void App::on_apply_columns(GtkWidget*, gpointer data)
     } else {
         app.relayout_cores(app.m_num_columns);
     }
-    gtk_widget_hide(app.m_settings_popover);
+    if (app.m_settings_popover != nullptr) {
+        gtk_widget_hide(app.m_settings_popover);
+    }
 }
 
 void App::on_orientation_changed(GtkComboBox* combo, gpointer data)

@@ -56,7 +56,7 @@ std::optional<bool> portal_prefers_dark()
     return scheme == SCHEME_DARK || scheme == SCHEME_LIGHT ? std::optional(scheme == SCHEME_DARK) : std::nullopt;
 }
 
-/// What GTK's own settings say, for desktops without a portal.
+/// What GTK's own settings say, where the portal says nothing.
 bool gtk_prefers_dark()
 {
     GtkSettings* settings = gtk_settings_get_default();

@@ -1,5 +1,6 @@
-/// The program's name and version, and the values that whoever builds the program may want to change, each with its default. CMake passes the build options of the same
-/// names (cmake -D VANTRIC_WEB_SITE=...) as definitions; an option left empty keeps the default given here.
+/// The program's name and version, and the values that whoever builds the program may want to change, each with its default. CMake
+/// passes the build options of the same names (cmake -D VANTRIC_WEB_SITE=...) as definitions; an option left empty keeps the default
+/// given here.
 #pragma once
 
 #ifndef VANTRIC_WEB_SITE

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr double KHZ_PER_MHZ = 1000.0;
 constexpr int GROUP_COLORS = 4;
 constexpr int TOLERANCE_DIVISOR = 5;  // 20 %: boost clocks of like cores differ by less, core types by more
 

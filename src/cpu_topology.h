@@ -20,6 +20,7 @@ struct CpuCluster {
 class CpuTopology {
 public:
     /// The clusters of CPUs 0 to cpu_count - 1, in display order, fastest first; empty only if cpu_count is not positive.
-    /// Sources: cpu_type of each CPU below /sys/bus/cpu/devices, else its cpufreq/cpuinfo_max_freq. What can't be read is no error, but leads to a coarser grouping.
+    /// Sources: cpu_type of each CPU below /sys/bus/cpu/devices, else its cpufreq/cpuinfo_max_freq. What can't be read is no error, but
+    /// leads to a coarser grouping.
     static std::vector<CpuCluster> detect(int cpu_count);
 };

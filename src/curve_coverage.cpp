@@ -268,8 +268,8 @@ void CurveCoverage::add_area_in_column(int column, float width, float top, float
     int before = 0;
     int row = std::max(static_cast<int>(std::floor(std::min(top, static_cast<float>(m_height)))), 0);
     float down_to_here = covered_above(static_cast<float>(row));
-    for (std::uint16_t* cell = &m_area[static_cast<std::size_t>(row) * m_stride + static_cast<std::size_t>(column)]; row < m_height;
-         ++row, cell += m_stride) {
+    std::uint16_t* cell = m_area.data() + static_cast<std::size_t>(row) * m_stride + column;
+    for (; row < m_height; ++row, cell += m_stride) {
         const float down_to_next = covered_above(static_cast<float>(row + 1));
         const int covered = static_cast<int>((down_to_next - down_to_here) * weight + ROUND);
         *cell = static_cast<std::uint16_t>(*cell + covered - before);

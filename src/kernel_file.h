@@ -27,6 +27,9 @@ inline std::string read_first_line(const std::string& path)
 /// The folder with an entry for each logical CPU: docs.kernel.org/admin-guide/cputopology.html
 inline constexpr const char* CPU_DIRECTORY = "/sys/devices/system/cpu";
 
+/// The files of cpufreq hold kHz.
+inline constexpr double KHZ_PER_MHZ = 1000.0;
+
 /// A file that every logical CPU has below CPU_DIRECTORY, such as "cpufreq/cpuinfo_max_freq". One text serves all CPUs in turn, as a
 /// pass over a large machine asks for hundreds.
 class CpuFile {

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* FILE_NAME = "settings.json";
+constexpr const char* SETTINGS_FILE = "settings.json";
 
 /// A key of the file and the field that it stands for. SettingsT is Settings or const Settings, so that saving and loading
 /// walk one list.
@@ -155,5 +155,5 @@ void SettingsStore::save() const
 
 std::string SettingsStore::path() const
 {
-    return config_file_path(FILE_NAME);
+    return config_file_path(SETTINGS_FILE);
 }

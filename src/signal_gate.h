@@ -15,8 +15,8 @@ void close();
 /// from then on it delivers them whenever it polls, and only then.
 void open_for_main_loop();
 
-/// For the handler: sends a signal that came to another thread on to the main thread, and says whether it did. Threads of libraries that were
-/// born while the gate stood open let both signals through. Any thread, in signal context.
+/// For the handler: sends a signal that came to another thread on to the main thread, and says whether it did. Threads of libraries
+/// that were born while the gate stood open let both signals through. Any thread, in signal context.
 bool pass_to_main_thread(int sig);
 
 /// Programs that are started during its life can be ended by both signals as usual, though a program inherits blocked signals from the

@@ -32,7 +32,6 @@ constexpr const char* THROTTLE_COUNT = "thermal_throttle/core_throttle_count";
 constexpr double NO_READING = -1.0;
 constexpr double MILLIDEGREES_PER_DEGREE = 1000.0;
 constexpr double MICROJOULES_PER_JOULE = 1000000.0;
-constexpr double KHZ_PER_MHZ = 1000.0;
 constexpr double KB_PER_GIB = 1024.0 * 1024.0;
 
 constexpr double LOWEST_LIMIT = 40.0;    // a limit must be above this to be believed

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr const char* FILE_NAME = "geometry.json";
+constexpr const char* GEOMETRY_FILE = "geometry.json";
 constexpr int MIN_COLUMNS = 1;
 constexpr int MAX_COLUMNS = 16;
 
@@ -89,5 +89,5 @@ WindowGeometry WindowManager::load(bool horizontal) const
 
 std::string WindowManager::get_config_path() const
 {
-    return config_file_path(FILE_NAME);
+    return config_file_path(GEOMETRY_FILE);
 }

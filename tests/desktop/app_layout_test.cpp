@@ -650,17 +650,30 @@ TEST_F(Allocation, NothingHappensWhenNothingChanged)
     IdleApp app(Shape{.clusters = {1}});
     app.m_last_window_w = 30;
     app.m_last_window_h = 500;
+    gtk_label_set_text(GTK_LABEL(app.m_info_label), "mine");
     allocate(app, 30, 500);
     EXPECT_EQ(text_of(app.core(0, 0).name_label), "Core 1");
+    EXPECT_EQ(text_of(app.m_info_label), "mine");
 }
 
 TEST_F(Allocation, NewHeightAloneIsOnlyRemembered)
 {
     IdleApp app(Shape{.clusters = {1}});
     app.m_last_window_w = 30;
+    gtk_label_set_text(GTK_LABEL(app.m_info_label), "mine");
     allocate(app, 30, 700);
     EXPECT_EQ(app.m_last_window_h, 700);
     EXPECT_EQ(text_of(app.core(0, 0).name_label), "Core 1");
+    EXPECT_EQ(text_of(app.m_info_label), "mine");
+}
+
+TEST_F(Allocation, FitsTheTitlesAlsoWithoutAWindow)
+{
+    IdleApp app(Shape{.clusters = {1}});
+    GtkWidget* const window = std::exchange(app.m_window, nullptr);
+    allocate(app, 30, 500);
+    EXPECT_EQ(text_of(app.core(0, 0).name_label), "1");
+    app.m_window = window;
 }
 
 // --- on the screen ---

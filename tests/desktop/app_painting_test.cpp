@@ -29,7 +29,7 @@ void forbid(GtkWidget* widget, Draw* handler)
 }
 
 /// The window on a canvas of the test's, by GTK alone: without the program's own ways of painting windows and cards.
-Picture painted_by_gtk(App& app)
+Picture painted_by_gtk(App& app, int zoom)
 {
     forbid(app.m_window, App::draw_window);
     for (const auto& ui : app.m_clusters_ui) {
@@ -37,10 +37,14 @@ Picture painted_by_gtk(App& app)
             forbid(core.card, App::draw_card);
         }
     }
-    Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window),
-                    gtk_widget_get_scale_factor(app.m_window));
+    Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window), zoom);
     gtk_widget_draw(app.m_window, picture.cr());
     return picture;
+}
+
+Picture painted_by_gtk(App& app)
+{
+    return painted_by_gtk(app, gtk_widget_get_scale_factor(app.m_window));
 }
 
 /// Repaints the window and compares what then stands on the screen with GTK's painting.
@@ -122,6 +126,25 @@ TEST_F(WindowOnScreen, FollowsAColourOfThePanels)
     expect_as_by_gtk(app);
 }
 
+TEST_F(WindowOnScreen, FollowsAChangeOfThemeBehindASectionWithoutCards)
+{
+    IdleApp app(Shape{.clusters = {0, 6}, .columns = 2});
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    ASSERT_FALSE(app.m_card_frames.empty());
+    apply(app, "dark");
+    expect_as_by_gtk(app);
+}
+
+TEST_F(WindowOnScreen, IsWhatGtkPaintsFromRightToLeft)
+{
+    speak("ar");
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    expect_as_by_gtk(app);
+}
+
 TEST_F(WindowOnScreen, FollowsItsSize)
 {
     IdleApp app(SMALL_CARDS);
@@ -177,6 +200,33 @@ TEST_F(Frames, AreFewHoweverOftenTheSizeChanges)
         ASSERT_TRUE(settle(app.m_window));
         ASSERT_LE(app.m_card_frames.size(), 8U);
     }
+}
+
+TEST_F(Frames, AreApartForEachState)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    GtkCssProvider* const provider = gtk_css_provider_new();
+    gtk_css_provider_load_from_data(provider, ".core-card:hover { background-color: #FF0000; }", -1, nullptr);
+    gtk_style_context_add_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(provider), GTK_STYLE_PROVIDER_PRIORITY_USER);
+    ASSERT_TRUE(app.show());
+    gtk_widget_set_state_flags(app.core(0, 1).card, GTK_STATE_FLAG_PRELIGHT, FALSE);
+    expect_as_by_gtk(app);
+    gtk_style_context_remove_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(provider));
+    g_object_unref(provider);
+}
+
+/// The window as it is drawn for somebody who asks for it in double size, against the same by GTK alone.
+TEST_F(Frames, AreNotForAWindowOnACanvasOfOthers)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    app.m_card_frames.clear();
+    Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window), 2);
+    gtk_widget_draw(app.m_window, picture.cr());
+    EXPECT_THAT(app.m_card_frames, IsEmpty());
+    EXPECT_EQ(Distance(picture, painted_by_gtk(app, 2)).largest, 0);
 }
 
 TEST_F(Frames, AreNotForCanvasesOfOthers)

@@ -574,6 +574,26 @@ TEST_F(Columns, CountDownTo1)
     EXPECT_EQ(text_of(app.m_col_label), "1");
 }
 
+TEST_F(Columns, NumbersBeyondTheLimitsMoveTowardsThemOnly)
+{
+    open();
+    for (const auto& [from, fewer, more] : {std::tuple{20, 19, 20}, {17, 16, 17}, {0, 0, 1}, {-3, -3, -2}}) {
+        for (const auto& [button, to] : {std::pair{"−", fewer}, {"+", more}}) {
+            app.m_num_columns = from;
+            click(button_in(app.m_settings_box, button));
+            EXPECT_EQ(app.m_num_columns, to) << from << button;
+            EXPECT_EQ(text_of(app.m_col_label), std::to_string(to));
+        }
+    }
+}
+
+TEST_F(Columns, ApplyWorksWithoutTheDialog)
+{
+    app.m_num_columns = 3;
+    App::on_apply_columns(nullptr, static_cast<App*>(&app));
+    EXPECT_EQ(WindowManager::instance().load(false).num_columns, 3);
+}
+
 TEST_F(Columns, CountingChangesNothingElse)
 {
     ASSERT_TRUE(app.show());

@@ -854,6 +854,32 @@ TEST_F(Ending, LeavesTheWindowAlone)
     EXPECT_TRUE(gtk_widget_is_ancestor(card, window));
 }
 
+TEST_F(Ending, LeavesNoHandlerOnWindowAndCards)
+{
+    std::optional<App> app(std::in_place);
+    app->m_clusters = make_clusters({0, 2});
+    app->create_window();
+    GtkWidget* const window = app->m_window;
+    std::vector<GtkWidget*> calling{window};
+    for (const auto& widgets : app->m_clusters_ui[1].cores) {
+        calling.push_back(widgets.card);
+    }
+    const auto calls = [](GtkWidget* widget, gpointer data) {
+        return g_signal_handler_find(widget, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, data) != 0;
+    };
+    void* const gone = &*app;
+    void* const pointer_gone = &app->m_window;
+    for (GtkWidget* widget : calling) {
+        ASSERT_TRUE(calls(widget, gone));
+    }
+    ASSERT_TRUE(calls(window, pointer_gone));
+    app.reset();
+    for (GtkWidget* widget : calling) {
+        EXPECT_FALSE(calls(widget, gone));
+    }
+    EXPECT_FALSE(calls(window, pointer_gone));
+}
+
 TEST_F(Ending, CopesWithoutSamplingObjects)
 {
     App app;

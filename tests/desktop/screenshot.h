@@ -33,7 +33,8 @@ struct Distance {
     int largest = 0;
     double mean = 0.0;
 
-    Distance(const Screenshot& screen, const Picture& wanted)
+    template <typename Shown>
+    Distance(const Shown& screen, const Picture& wanted)
     {
         for (int y = 0; y < wanted.height(); ++y) {
             for (int x = 0; x < wanted.width(); ++x) {

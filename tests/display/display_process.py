@@ -15,6 +15,7 @@ from typing import TypeVar
 T = TypeVar("T")
 
 POLL_INTERVAL = 0.01  # seconds; short against all that is waited for, long against a look
+LONGEST_POLL_INTERVAL = 0.2
 END_TIMEOUT = 5.0  # seconds a process has to obey SIGTERM before SIGKILL follows
 
 
@@ -34,13 +35,14 @@ def wait_until(condition: Callable[[], T], timeout: float, what: str) -> T:
     """
     deadline = time.monotonic() + timeout
     while True:
-        late = time.monotonic() >= deadline
+        begin = time.monotonic()
         value = condition()
         if value:
             return value
-        if late:
+        if begin >= deadline:
             raise WaitTimeout(f"waited {timeout:g} s in vain for {what}")
-        time.sleep(POLL_INTERVAL)
+        # A question that takes long costs whoever answers it as much: it is asked a third of the time at most
+        time.sleep(min(max(POLL_INTERVAL, 2 * (time.monotonic() - begin)), LONGEST_POLL_INTERVAL))
 
 
 def dying_with_parent(argv: Sequence[str]) -> list[str]:

@@ -17,7 +17,7 @@ from chart_pixels import Chart
 from displays import XDisplay, wait_until
 from fakemachine import Machine
 from geometry_records import Record, Stored
-from monitor import MARKER_COLOR, TIMEOUT, Start
+from monitor import MARKER_COLOR, TIMEOUT, Start, kept_descriptors
 from settings_dialog import ORIENTATIONS, THEMES, SettingsDialog
 from x_resources import XResources
 
@@ -63,7 +63,7 @@ class Look:
         process = Path(f"/proc/{pid}")
         status = (process / "status").read_text()
         return cls(samples_of(pid), cpu_seconds(process), _number("syscr", (process / "io").read_text()), _number("VmRSS", status),
-                   _number("RssAnon", status), len(list((process / "fd").iterdir())),
+                   _number("RssAnon", status), kept_descriptors(pid),
                    len(list((process / "task").iterdir())), server.pixmap_kb(window), server.of(window))
 
     def of_a_sample(self, before: Look) -> tuple[float, float]:

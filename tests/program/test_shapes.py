@@ -18,7 +18,7 @@ from gi.repository import GLib
 
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, wait_until
 from geometry_records import Record, Stored, wait_for_place
-from monitor import TIMEOUT, Monitor, Start, settings_text, wait_for_main_loop
+from monitor import TIMEOUT, Monitor, Start, kept_descriptors, settings_text, wait_for_main_loop
 from settings_dialog import ORIENTATIONS, SettingsDialog, saved_bytes
 
 MACHINE = {"clusters": [{"cores": 4}]}
@@ -237,10 +237,10 @@ class Resources(NamedTuple):
 
     @classmethod
     def of(cls, monitor: Monitor) -> Resources:
-        process = Path(f"/proc/{monitor.pid}")
-        status = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
+        lines = Path(f"/proc/{monitor.pid}/status").read_text().splitlines()
+        status = dict(line.split(":", 1) for line in lines)
         resident, private = (int(status[name].split()[0]) for name in ("VmRSS", "RssAnon"))
-        return cls(resident, private, len(list((process / "fd").iterdir())), int(status["Threads"]))
+        return cls(resident, private, kept_descriptors(monitor.pid), int(status["Threads"]))
 
 
 def test_many_changes(x11: XDisplay, start: Start, tmp_path: Path) -> None:
@@ -272,7 +272,8 @@ def test_many_changes(x11: XDisplay, start: Start, tmp_path: Path) -> None:
             print(f"after {number} changes: {looks[-1]}")
     half, end = looks[CHANGES // 2 - 1], looks[-1]
     assert end.private_kb - half.private_kb <= ALLOWED_GROWTH_KB
-    assert (end.descriptors, end.threads) == (half.descriptors, half.threads)
+    assert end.descriptors <= half.descriptors
+    assert end.threads <= half.threads  # GLib ends those of its own that have nothing to do
     program.end()
 
 

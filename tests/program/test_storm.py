@@ -29,7 +29,7 @@ from fakemachine import Machine
 from geometry_records import Home
 from kernel_readings import CPUS, ENERGY, THERMAL, KernelReadings
 from mock_portal import COLOR_SCHEME, DARK, LIGHT, Answer, Late, MockPortal, emit, scheme, value
-from monitor import TIMEOUT, Monitor, Start
+from monitor import TIMEOUT, Monitor, Start, kept_descriptors
 from repeating import Repeating
 from settings_dialog import LANGUAGES, THEMES, SettingsDialog, while_it_changes
 from shown_values import Shown, Told, look, throttle_figure, watts_of
@@ -409,7 +409,7 @@ def test_storm(x11: XDisplay, machines: ExitStack, displays: ExitStack, start: S
     dialog.open()
     watcher = Watcher(monitor, told)
     wait_for_truth(watcher, machine)
-    descriptors = len(os.listdir(f"/proc/{monitor.pid}/fd"))
+    descriptors = kept_descriptors(monitor.pid)
     fiddler, asker = Fiddler(dialog), Asker(monitor)
     actors = [Actor("files", files.disturb, 0.1), Actor("window", disturb_window(x11, window), 0.2), Actor("watcher", watcher.act, 0.05),
               Actor("asker", asker.act, 0.03), Actor("portal", disturb_portal(portal), 0.4), Actor("signals", send_signals(monitor), 0.3)]
@@ -430,7 +430,7 @@ def test_storm(x11: XDisplay, machines: ExitStack, displays: ExitStack, start: S
     fiddler.put_right()
     print(f"true again after {wait_for_truth(watcher, machine):.1f} s; longest answer {asker.longest:.2f} s")
     assert asker.longest < LONGEST_ANSWER
-    assert len(os.listdir(f"/proc/{monitor.pid}/fd")) <= descriptors + ALLOWED_DESCRIPTORS
+    assert kept_descriptors(monitor.pid) <= descriptors + ALLOWED_DESCRIPTORS
     monitor.send(signal.SIGTERM)
     monitor.assert_clean_end()
     assert dialog.home.stored

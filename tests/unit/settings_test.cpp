@@ -37,7 +37,7 @@ constexpr const char* DEFAULT_FILE =
     "  \"group3\": \"#8066D9\"\n"
     "}\n";
 
-/// Every value differs from its default and from every other, and none but the last two has the default's form.
+/// Every value differs from its default and from every other, and all colours but the last two have the default's form.
 constexpr const char* OTHER_FILE =
     "{\n"
     "  \"language\": \"zh_TW\",\n"

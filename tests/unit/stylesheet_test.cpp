@@ -345,6 +345,7 @@ TEST_F(Stylesheet, KeepsTheReasonsForItsOddRulesAsComments)
         EXPECT_THAT(commented, Contains(".gear-btn, .gear-btn label"));
         EXPECT_THAT(commented, Contains(".gear-btn"));
         EXPECT_THAT(commented, Contains(".color-swatch, .color-swatch colorswatch, .color-swatch button"));
+        EXPECT_THAT(commented, Contains(".settings-combo, .settings-combo button"));
     }
 }
 
