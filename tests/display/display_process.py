@@ -27,8 +27,8 @@ class WaitTimeout(DisplayError, AssertionError):
     """A condition did not come true in time; an AssertionError, so that it counts as a failure."""
 
 
-def wait_until(condition: Callable[[], T], timeout: float, what: str) -> T:
-    """Returns the condition's first true value, or raises with what was waited for.
+def wait_until(condition: Callable[[], T], timeout: float, what: object) -> T:
+    """Returns the condition's first true value, or raises with what was waited for, as text.
 
     The condition is asked once more after the deadline: a busy machine that never let us ask in
     between does not make a true condition fail.

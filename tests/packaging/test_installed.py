@@ -18,7 +18,8 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/display"))
 
-from displays import SwayDisplay, XDisplay  # noqa: E402
+from display_process import Process  # noqa: E402
+from displays import SwayDisplay, XDisplay, wait_until  # noqa: E402
 
 TIMEOUT = 30.0  # seconds; a deadline for a busy machine, not an expectation
 SEARCHED_WORDS = ["cpu", "load", "temperature", "monitor"]
@@ -142,6 +143,19 @@ def test_app_id_on_wayland_is_that_of_the_entry(installed: Installed) -> None:
 
 # --- inside Snap ---
 
+class WindowOf:
+    """As text: what each thread of a program does whose window does not come."""
+
+    def __init__(self, program: Process) -> None:
+        self._program = program
+
+    def __str__(self) -> str:
+        lines = [f"a window of the program with status {self._program.returncode} {self._program.last_words()}"]
+        for task in Path(f"/proc/{self._program.pid}/task").iterdir() if self._program.running() else ():
+            lines.append(" ".join((task / name).read_text().strip() for name in ("comm", "wchan", "syscall")))
+        return "\n".join(lines)
+
+
 def snap_environment(home: Path, runtime: Path) -> dict[str, str]:
     """What a strictly confined program finds in its environment."""
     user_data = home / "snap/vantric/7"
@@ -168,7 +182,7 @@ def test_snap_keeps_the_files(installed: Installed, tmp_path: Path, number: sign
     with XDisplay() as display:
         # a core file would be one more that is left
         program = display.spawn([installed.entry["Exec"]], {**installed.env, **env}, wrap=["prlimit", "--core=0"])
-        display.find_window("Vantric", timeout=TIMEOUT)
+        wait_until(lambda: display.windows("Vantric") or not program.running(), TIMEOUT, WindowOf(program))
         program.send_signal(number)
         assert program.wait(TIMEOUT) == (0 if number == signal.SIGTERM else -number)
         assert left <= own_files(tmp_path)

@@ -132,7 +132,7 @@ class Wandering(Repeating):
         """The loads between two states about a second apart that look like this, if there are any."""
         for before, after in itertools.combinations(list(self.states), 2):
             # Not exactly a second, as we may have been held up between a note and its state.
-            if 0.5 < after.since - before.since < 1.8:
+            if 0.3 < after.since - before.since < 4:
                 loads = usages(before.lines, after.lines)
                 if [percentage(load) for load in loads] == shown:
                     return loads
