@@ -418,6 +418,7 @@ TEST_F(Signals, SigintSavesTheOrientationInForceAndKeepsTheOther)
     App app;
     EXPECT_EQ(run(app,
                   [&] {
+                      ASSERT_TRUE(settle(app.m_window));  // the window manager's last word on the size would be saved after ours
                       g_overheard.made_up = WindowRect{-30, 40, 711, 822};
                       kill(getpid(), SIGINT);
                   }),
@@ -447,6 +448,7 @@ TEST_F(Signals, SaveThePlaceAsReportedOnWaylandToo)
     App app;
     std::optional<RenamedDisplay> wayland;
     run(app, [&] {
+        ASSERT_TRUE(settle(app.m_window));
         wayland.emplace("GdkWaylandDisplayOfTheSignal");
         store(VERTICAL, {70, 80, 303, 404}, 3);
         g_overheard.made_up = WindowRect{-30, 40, 711, 822};
