@@ -37,11 +37,14 @@ public:
     explicit CpuFile(const char* name) : m_name(name) {}
 
     /// The path for that CPU number, valid until the next call.
-    const std::string& of(int cpu)
+    const std::string& of(int cpu) &
     {
         m_path.assign(CPU_DIRECTORY).append("/cpu").append(std::to_string(cpu)).append("/").append(m_name);
         return m_path;
     }
+
+    /// Likewise of a CpuFile that is gone by then: so the path is the caller's own.
+    std::string of(int cpu) && { return of(cpu); }
 
 private:
     const char* m_name;

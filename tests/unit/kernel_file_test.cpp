@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <string>
+#include <type_traits>
+#include <utility>
 
 #include "fake_machine.h"
 
@@ -148,6 +151,14 @@ TEST(CpuFile, StandsInTheFolderOfTheCpuWithThatNumber)
     EXPECT_EQ("/sys/devices/system/cpu/cpu1023/cpufreq/cpuinfo_max_freq", file.of(1023));
     EXPECT_EQ("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", file.of(0));
     EXPECT_EQ("/sys/devices/system/cpu", std::string(CPU_DIRECTORY));
+}
+
+TEST(CpuFile, PathOfATemporaryOutlivesIt)
+{
+    static_assert(std::is_same_v<decltype(std::declval<CpuFile&>().of(0)), const std::string&>, "one text serves all CPUs");
+    static_assert(!std::is_reference_v<decltype(std::declval<CpuFile>().of(0))>, "into what is gone");
+    const std::string& path = CpuFile("thermal_throttle/core_throttle_count").of(3);
+    EXPECT_EQ("/sys/devices/system/cpu/cpu3/thermal_throttle/core_throttle_count", path);
 }
 
 }  // namespace
