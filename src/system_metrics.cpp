@@ -1,10 +1,8 @@
 #include "system_metrics.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -18,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int PAUSE_MS = 2000;  // between two passes
+constexpr std::chrono::seconds PAUSE{2};  // between two passes
 constexpr const char* CPUINFO_FILE = "/proc/cpuinfo";
 constexpr const char* MEMINFO_FILE = "/proc/meminfo";
 constexpr const char* THERMAL_DIRECTORY = "/sys/class/thermal";  // docs.kernel.org/driver-api/thermal/sysfs-api.html
@@ -239,8 +237,9 @@ std::uint64_t read_free_memory_kb()
 
 }  // namespace
 
-SystemMetrics::SystemMetrics() : m_wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+SystemMetrics::SystemMetrics()
 {
+    sem_init(&m_wake, 0, 0);
     m_cpu_name = read_cpu_name();
     m_core_count = read_core_count();
     m_physical_core_count = read_physical_core_count();
@@ -252,7 +251,7 @@ SystemMetrics::SystemMetrics() : m_wake_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK
 SystemMetrics::~SystemMetrics()
 {
     stop();
-    close(m_wake_fd);
+    sem_destroy(&m_wake);
 }
 
 void SystemMetrics::start()
@@ -267,10 +266,9 @@ void SystemMetrics::stop()
     if (!m_thread.joinable()) {
         return;
     }
-    eventfd_write(m_wake_fd, 1);
+    sem_post(&m_wake);
     m_thread.join();
-    eventfd_t ignored = 0;
-    eventfd_read(m_wake_fd, &ignored);  // so that a thread started again pauses again
+    sem_trywait(&m_wake);  // takes back what the thread has not waited for, so that one started again pauses again
 }
 
 double SystemMetrics::get_temperature() const
@@ -411,11 +409,23 @@ bool SystemMetrics::decide_throttling(double temperature)
     return more;
 }
 
-/// Waits for a descriptor rather than in short sleeps: one wake-up a pass, and stop() is heard at once.
-void SystemMetrics::wait_for_next_pass() const
+/// Waits for stop() rather than in short sleeps: one wake-up a pass, and it is heard at once. The end of the pause is fixed at its start, so
+/// an interrupted wait goes on with what is left.
+void SystemMetrics::wait_for_next_pass()
 {
-    pollfd wake{.fd = m_wake_fd, .events = POLLIN, .revents = 0};
-    poll(&wake, 1, PAUSE_MS);
+#ifdef __GLIBC__
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += PAUSE.count();
+    while (sem_clockwait(&m_wake, CLOCK_MONOTONIC, &end) != 0 && errno == EINTR) {
+    }
+#else
+    // Semaphores keep to the clock that can be set, by which a pause could last for hours
+    constexpr std::chrono::milliseconds SLICE{100};
+    for (std::chrono::milliseconds left = PAUSE; left.count() > 0 && m_running; left -= SLICE) {
+        std::this_thread::sleep_for(SLICE);
+    }
+#endif
 }
 
 void SystemMetrics::detect_sensors()

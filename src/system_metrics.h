@@ -1,6 +1,8 @@
 /// What the monitor knows about the machine apart from the loads: the CPU's identity, and the readings of its sensors.
 #pragma once
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -52,7 +54,7 @@ private:
     void update_loop();
     void sample();
     bool decide_throttling(double temperature);
-    void wait_for_next_pass() const;
+    void wait_for_next_pass();
 
     /// Finds out, once, which files stand for temperature, power, clocks and throttle events, and takes the first baselines.
     void detect_sensors();
@@ -101,5 +103,5 @@ private:
     std::int64_t m_prev_throttle_count = -1;  ///< -1: none
     std::uint64_t m_prev_energy = 0;          ///< microjoules
     std::chrono::steady_clock::time_point m_prev_energy_time{};
-    int m_wake_fd = -1;  ///< eventfd by which stop() ends the pause between two passes
+    sem_t m_wake{};  ///< by which stop() ends the pause between two passes
 };

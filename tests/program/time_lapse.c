@@ -4,7 +4,9 @@
  * much sooner. Meant for a program that waits in these calls only. (faketime 0.9.10 leaves ppoll with timeouts below
  * a second alone, so the main loop would go on ticking once a second.) */
 #define _GNU_SOURCE
+#include <dlfcn.h>
 #include <poll.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
@@ -32,9 +34,10 @@ static struct timespec from_ns(long long ns)
     return (struct timespec){.tv_sec = ns / NS_PER_S, .tv_nsec = ns % NS_PER_S};
 }
 
+static long long start; /* by the clock as it is, in ns; 0 until somebody has asked for the time */
+
 int clock_gettime(clockid_t clock, struct timespec *time)
 {
-    static long long start;
     int result = (int)syscall(SYS_clock_gettime, clock, time);
     if (result == 0 && clock == CLOCK_MONOTONIC) {
         long long now = to_ns(time);
@@ -52,6 +55,16 @@ int nanosleep(const struct timespec *duration, struct timespec *rest)
     if (result != 0 && rest)
         *rest = from_ns(to_ns(rest) * factor());
     return result;
+}
+
+/* Its deadline comes from the clock above, and has to be told to the kernel by the other. */
+int sem_clockwait(sem_t *semaphore, clockid_t clock, const struct timespec *deadline)
+{
+    __typeof__(&sem_clockwait) next = (__typeof__(&sem_clockwait))dlsym(RTLD_NEXT, "sem_clockwait");
+    struct timespec sooner = *deadline;
+    if (clock == CLOCK_MONOTONIC)
+        sooner = from_ns(start + (to_ns(deadline) - start) / factor());
+    return next(semaphore, clock, &sooner);
 }
 
 int ppoll(struct pollfd *fds, nfds_t count, const struct timespec *timeout, const sigset_t *mask)

@@ -5,11 +5,19 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
 #include <future>
+#include <thread>
+#include <vector>
 
 #include "fake_machine.h"
 
@@ -382,11 +390,45 @@ bool others_sleep()
     return found;
 }
 
-bool is_woken(const SystemMetrics& metrics)
+bool is_woken(SystemMetrics& metrics)
 {
-    pollfd wake = {.fd = metrics.m_wake_fd, .events = POLLIN, .revents = 0};
-    return poll(&wake, 1, 0) != 0;
+    int posts = 0;
+    sem_getvalue(&metrics.m_wake, &posts);
+    return posts != 0;
 }
+
+std::size_t open_descriptors()
+{
+    const std::vector<std::filesystem::path> all(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    return all.size();
+}
+
+/// A pause between two passes, taken by a thread of its own.
+struct Pause {
+    explicit Pause(SystemMetrics& metrics)
+    {
+        metrics.m_running = true;
+        thread = std::thread([this, &metrics] {
+            rusage before{};
+            getrusage(RUSAGE_THREAD, &before);
+            const auto begin = std::chrono::steady_clock::now();
+            metrics.wait_for_next_pass();
+            length = std::chrono::steady_clock::now() - begin;
+            rusage after{};
+            getrusage(RUSAGE_THREAD, &after);
+            waits = after.ru_nvcsw - before.ru_nvcsw;
+            is_over = true;
+        });
+    }
+    ~Pause() { thread.join(); }
+    Pause(const Pause&) = delete;
+    Pause& operator=(const Pause&) = delete;
+
+    std::thread thread;
+    std::chrono::steady_clock::duration length{};  ///< once it is over
+    long waits = 0;                                ///< how often the thread gave up its processor, likewise
+    std::atomic<bool> is_over{false};
+};
 
 TEST(Sampler, RunsBetweenStartAndStop)
 {
@@ -436,6 +478,61 @@ TEST(Sampler, PausesAgainAfterARestart)
     EXPECT_TRUE(metrics.m_running);
     EXPECT_TRUE(wait_until(others_sleep));
     metrics.stop();
+}
+
+TEST(Sampler, APauseIsTwoSecondsInOneWait)
+{
+    FakeMachine machine;
+    SystemMetrics metrics;
+    Pause pause(metrics);
+    ASSERT_TRUE(wait_until([&] { return pause.is_over.load(); }));
+    EXPECT_GE(pause.length, std::chrono::seconds(2));
+    EXPECT_LE(pause.waits, 3);
+}
+
+TEST(Sampler, AnInterruptedPauseGoesOnWithWhatIsLeftOfIt)
+{
+    static std::atomic<int> interruptions{0};
+    struct sigaction count {};
+    count.sa_handler = [](int) { ++interruptions; };  // without SA_RESTART
+    sigaction(SIGUSR1, &count, nullptr);
+    FakeMachine machine;
+    SystemMetrics metrics;
+    Pause pause(metrics);
+    // Without end, so a pause that begins anew each time never ends
+    EXPECT_TRUE(wait_until([&] {
+        pthread_kill(pause.thread.native_handle(), SIGUSR1);
+        return pause.is_over.load();
+    }));
+    EXPECT_GE(pause.length, std::chrono::seconds(2));
+    EXPECT_GE(interruptions.load(), 3);
+}
+
+TEST(Sampler, KeepsNoDescriptor)
+{
+    FakeMachine machine;
+    const std::size_t before = open_descriptors();
+    SystemMetrics metrics;
+    EXPECT_EQ(before, open_descriptors());
+    metrics.start();
+    ASSERT_TRUE(wait_until(others_sleep));
+    EXPECT_EQ(before, open_descriptors());
+    metrics.stop();
+}
+
+TEST(Sampler, StopEndsThePauseThoughNoDescriptorWasToBeHad)
+{
+    FakeMachine machine;
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{.rlim_cur = 0, .rlim_max = usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    SystemMetrics metrics;
+    setrlimit(RLIMIT_NOFILE, &usual);
+    metrics.start();
+    ASSERT_TRUE(wait_until(others_sleep));
+    auto stopped = std::async(std::launch::async, [&] { metrics.stop(); });
+    EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(1)));
 }
 
 TEST(SamplerDeathTest, ASecondStartEndsTheProcess)
