@@ -13,6 +13,17 @@ constexpr int SIDE_PANEL_INFO_WIDTH = 218;  // what the info line has before its
 constexpr int INFO_MARGINS = 12;            // likewise what it has less than the window, vertical orientation
 constexpr int MEASURABLE_WIDTH = 20;        // the info line is not fitted to this or less
 
+// Invisible: a line that begins with the first runs from right to left, and what follows the second keeps its own order
+constexpr const char* RIGHT_TO_LEFT_MARK = "\u200F";
+constexpr const char* LEFT_TO_RIGHT_MARK = "\u200E";
+
+/// What stands before figures and their Latin units in a longer text; empty unless the language is written from right to left. There the
+/// pieces of "95°C / 100°C" would each find a place of their own behind a word, and a line that begins with "4C" would run left to right.
+std::string figure_marks()
+{
+    return I18n::instance().is_rtl() ? std::string(RIGHT_TO_LEFT_MARK) + LEFT_TO_RIGHT_MARK : std::string();
+}
+
 /// How far a clock is below its maximum, 0.0 to 1.0.
 double held_back(double current_mhz, double max_mhz)
 {
@@ -27,7 +38,7 @@ std::string memory_text(double used_gb, double total_gb)
     }
     char text[64];
     std::snprintf(text, sizeof text, "%.0f/%.0f GB", used_gb, total_gb);
-    return text;
+    return figure_marks() + text;
 }
 
 /// The counts in words, and in the few letters that are the same in every language.
@@ -42,10 +53,10 @@ CoreCounts core_counts(int logical, int physical)
     char compact[64];
     if (physical > 0 && physical != logical) {
         std::snprintf(compact, sizeof compact, "%dC/%dT", physical, logical);
-        return {i18n.trf("%d Cores / %d Threads", physical, logical), compact};
+        return {i18n.trf("%d Cores / %d Threads", physical, logical), figure_marks() + compact};
     }
     std::snprintf(compact, sizeof compact, "%dC", logical);
-    return {i18n.trf("%d Cores", logical), compact};
+    return {i18n.trf("%d Cores", logical), figure_marks() + compact};
 }
 
 /// The forms of the info line, longest first.
@@ -120,7 +131,8 @@ std::string App::throttle_tooltip(double t, bool thermal, double temperature, do
     if (!(temperature >= 0 && limit > 0)) {
         std::snprintf(text, sizeof text, "%s %.0f%%", word, percentage);
     } else if (thermal) {
-        std::snprintf(text, sizeof text, "%s: %.0f°C / %.0f°C\n%s %.0f%%", word, temperature, limit, word, percentage);
+        std::snprintf(text, sizeof text, "%s: %s%.0f°C / %.0f°C\n%s %.0f%%", word, figure_marks().c_str(), temperature, limit, word,
+                      percentage);
     } else {
         std::snprintf(text, sizeof text, "%.0f°C / %.0f°C", temperature, limit);
     }

@@ -14,6 +14,9 @@
 
 using testing::ElementsAre;
 
+/// What stands before figures with Latin units in languages written from right to left: right-to-left mark, left-to-right mark.
+#define MARKS "\u200F\u200E"
+
 namespace {
 
 /// Called each time before a certain mutex is locked.
@@ -176,6 +179,74 @@ TEST_F(ThrottleFigureOfUnequalLists, StopsWhereTheHighestClocksEnd)
     app.m_cache.max_frequencies.pop_back();
     EXPECT_EQ(app.compute_throttle(), 0.5);
 }
+
+// --- texts from right to left ---
+
+namespace {
+
+/// Where a line of text comes to stand, with what a widget knows of its language.
+class LaidOut {
+public:
+    LaidOut(GtkWidget* widget, const std::string& text) : m_text(text), m_layout(gtk_widget_create_pango_layout(widget, text.c_str())) {}
+    ~LaidOut() { g_object_unref(m_layout); }
+    LaidOut(const LaidOut&) = delete;
+    LaidOut& operator=(const LaidOut&) = delete;
+
+    /// Whether the part is read from left to right without a gap: each of its characters begins where the one before ends.
+    testing::AssertionResult keeps_together(const std::string& part) const
+    {
+        const std::size_t begin = m_text.find(part);
+        if (begin == std::string::npos) {
+            return testing::AssertionFailure() << part << " is not in " << m_text;
+        }
+        int end_of_last = left_of(begin);
+        for (std::size_t at = begin; at < begin + part.size(); at += next_character(at)) {
+            const PangoRectangle place = position(at);
+            if (place.x != end_of_last || place.width <= 0) {
+                return testing::AssertionFailure() << part << " is torn in " << m_text << " at byte " << at - begin;
+            }
+            end_of_last = place.x + place.width;
+        }
+        return testing::AssertionSuccess();
+    }
+
+    /// Whether one part stands on the left of the other.
+    bool left_to_right(const std::string& one, const std::string& other) const
+    {
+        return left_of(m_text.find(one)) < left_of(m_text.find(other));
+    }
+
+private:
+    PangoRectangle position(std::size_t byte) const
+    {
+        PangoRectangle place{};
+        pango_layout_index_to_pos(m_layout, static_cast<int>(byte), &place);
+        return place;
+    }
+
+    int left_of(std::size_t byte) const
+    {
+        const PangoRectangle place = position(byte);
+        return std::min(place.x, place.x + place.width);
+    }
+
+    std::size_t next_character(std::size_t byte) const
+    {
+        return static_cast<std::size_t>(g_utf8_next_char(m_text.c_str() + byte) - (m_text.c_str() + byte));
+    }
+
+    std::string m_text;
+    PangoLayout* m_layout;
+};
+
+bool has_direction_mark(const std::string& text)
+{
+    return text.find("\u200E") != std::string::npos || text.find("\u200F") != std::string::npos;
+}
+
+constexpr const char* RIGHT_TO_LEFT_LANGUAGES[] = {"ar", "fa", "he", "ur"};
+
+}  // namespace
 
 // --- the throttle label ---
 
@@ -422,7 +493,32 @@ TEST_F(ThrottleLabel, SpeaksArabic)
     speak("ar");
     show(0.25, true, 90, 100);
     EXPECT_EQ(text_of(app.m_throttle_label), "🔥 خفض السرعة 25%");
-    EXPECT_EQ(tooltip_of(app.m_throttle_label), "خفض السرعة: 90°C / 100°C\nخفض السرعة 25%");
+    EXPECT_EQ(tooltip_of(app.m_throttle_label), "خفض السرعة: " MARKS "90°C / 100°C\nخفض السرعة 25%");
+}
+
+TEST_F(ThrottleLabel, TooltipKeepsTheDegreesTogetherFromRightToLeft)
+{
+    for (const char* language : RIGHT_TO_LEFT_LANGUAGES) {
+        speak(language);
+        IdleApp turned(Shape{.clusters = {1}});
+        const LaidOut plain(turned.m_throttle_label, turned.throttle_tooltip(0.25, false, 95, 100));
+        EXPECT_TRUE(plain.keeps_together("95°C / 100°C")) << language;
+        const LaidOut thermal(turned.m_throttle_label, turned.throttle_tooltip(0.25, true, 95, 100));
+        EXPECT_TRUE(thermal.keeps_together("95°C / 100°C")) << language;
+        EXPECT_TRUE(thermal.left_to_right("95°C", I18n::instance().tr("Throttle"))) << language;
+    }
+}
+
+TEST_F(ThrottleLabel, OnlyTheThermalTooltipFromRightToLeftHasDirectionMarks)
+{
+    for (const LanguageInfo& language : I18n::available()) {
+        speak(language.code.c_str());
+        show(0.25, true, 90, 100);
+        EXPECT_FALSE(has_direction_mark(markup_of(app.m_throttle_label))) << language.code;
+        EXPECT_EQ(has_direction_mark(tooltip_of(app.m_throttle_label)), language.rtl) << language.code;
+        EXPECT_FALSE(has_direction_mark(tooltip(0.25, false, 90, 100))) << language.code;
+        EXPECT_FALSE(has_direction_mark(tooltip(0.25, true, NONE, 100))) << language.code;
+    }
 }
 
 TEST_F(ThrottleLabel, SpeaksJapanese)
@@ -546,6 +642,22 @@ protected:
         }
         return found;
     }
+
+    /// Likewise, of one window whose label is made narrower.
+    static std::vector<std::string> forms_in_one_app(const Facts& facts)
+    {
+        IdleApp app(Shape{.clusters = {1}});
+        put_facts(app, facts);
+        std::vector<std::string> found;
+        for (int width = 600; width > 20; width -= 2) {
+            allocate(app.m_info_label, width);
+            app.update_info_line();
+            if (found.empty() || found.back() != text_of(app.m_info_label)) {
+                found.push_back(text_of(app.m_info_label));
+            }
+        }
+        return found;
+    }
 };
 
 TEST_F(InfoLine, WithMemoryThereAreFourForms)
@@ -622,9 +734,40 @@ TEST_F(InfoLine, SpeaksGermanInItsLongForm)
 TEST_F(InfoLine, SpeaksArabicWhereItHasWords)
 {
     speak("ar");
-    EXPECT_THAT(forms(THREADED),
-                ElementsAre("8 نواة / 16 خيط / الذاكرة 5/31 GB", "8C/16T / الذاكرة 5/31 GB", "8C/16T / 5/31 GB", "8C/16T"));
+    EXPECT_THAT(forms(THREADED), ElementsAre("8 نواة / 16 خيط / الذاكرة " MARKS "5/31 GB", MARKS "8C/16T / الذاكرة " MARKS "5/31 GB",
+                                             MARKS "8C/16T / " MARKS "5/31 GB", MARKS "8C/16T"));
     EXPECT_EQ(text({.logical = 8, .physical = 8}, ROOMY), "8 نواة");
+}
+
+TEST_F(InfoLine, EveryFormReadsInOrderFromRightToLeft)
+{
+    for (const char* language : RIGHT_TO_LEFT_LANGUAGES) {
+        speak(language);
+        const std::vector<std::string> all = forms_in_one_app(THREADED);
+        ASSERT_EQ(all.size(), 4U) << language;
+        IdleApp app(Shape{.clusters = {1}});
+        for (std::size_t form = 0; form < 3; ++form) {
+            SCOPED_TRACE(all[form]);
+            const LaidOut line(app.m_info_label, all[form]);
+            EXPECT_TRUE(line.keeps_together("5/31 GB"));
+            EXPECT_TRUE(form == 0 || line.keeps_together("8C/16T"));
+            const std::string first = form == 0 ? "16" : "8C";
+            EXPECT_TRUE(line.left_to_right("5/31 GB", first)) << "the counts come first";
+            const std::string ram = I18n::instance().tr("RAM");
+            EXPECT_TRUE(form == 2 || (line.left_to_right("5/31 GB", ram) && line.left_to_right(ram, first)));
+        }
+    }
+}
+
+TEST_F(InfoLine, HasDirectionMarksFromRightToLeftOnly)
+{
+    for (const LanguageInfo& language : I18n::available()) {
+        speak(language.code.c_str());
+        for (const std::string& form : forms_in_one_app(THREADED)) {
+            EXPECT_EQ(has_direction_mark(form), language.rtl) << form;
+        }
+        EXPECT_FALSE(has_direction_mark(text({.logical = 8, .physical = 8}, ROOMY))) << language.code;
+    }
 }
 
 TEST_F(InfoLine, SpeaksJapaneseWhereItHasWords)
@@ -859,7 +1002,7 @@ TEST_F(InfoLineOnScreen, SidePanelShowsEachFormThatFits)
 
 TEST_F(InfoLineOnScreen, EveryLanguageKeepsToItsForms)
 {
-    for (const char* language : {"en", "de", "ar", "ja"}) {
+    for (const char* language : {"en", "de", "ar", "he", "ja"}) {
         for (const bool horizontal : {false, true}) {
             speak(language);
             IdleApp app(Shape{.clusters = {1}, .horizontal = horizontal});
