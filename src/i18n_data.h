@@ -1,5 +1,6 @@
 /// The translation tables and nothing else: 34 English keys, and for each of the 44 languages their values in the same order.
 /// I18n looks them up. Every value holds the %d placeholders of its key, as many and in the same order, and no other conversion.
+/// A table has one form for all numbers, so a noun that changes with its number mostly stands before it: "Rdzenie: %d".
 #pragma once
 
 namespace i18n_data {
@@ -46,7 +47,7 @@ inline constexpr const char* KEYS[] = {
 };
 
 inline constexpr const char* VALUES_ar[] = {
-    "%d نواة",
+    "الأنوية: %d",
     "%d نواة / %d خيط",
     "طبّق",
     "تلقائية",
@@ -83,8 +84,8 @@ inline constexpr const char* VALUES_ar[] = {
 };
 
 inline constexpr const char* VALUES_bg[] = {
-    "%d ядра",
-    "%d ядра / %d нишки",
+    "Ядра: %d",
+    "Ядра: %d / нишки: %d",
     "Прилагане",
     "Автоматично",
     "Фон",
@@ -107,14 +108,14 @@ inline constexpr const char* VALUES_bg[] = {
     "Ориентация",
     "Панели",
     "Производителност",
-    "РАМ",
+    "Памет",
     "Нулиране на цветовете",
     "Настройки",
     "Супер",
     "Текст",
     "Тема",
     "Този софтуер се предоставя „такъв, какъвто е“, без каквато и да е гаранция, изрична или подразбираща се. Използвате го на собствен риск. Авторът не носи отговорност за каквито и да е вреди, произтичащи от използването на този софтуер.",
-    "Забавяне",
+    "Ограничаване",
     "Общо",
     "Вертикално",
 };
@@ -157,8 +158,8 @@ inline constexpr const char* VALUES_bn[] = {
 };
 
 inline constexpr const char* VALUES_ca[] = {
-    "%d nuclis",
-    "%d nuclis / %d fils",
+    "Nuclis: %d",
+    "Nuclis: %d / fils: %d",
     "Aplica",
     "Automàtic",
     "Fons",
@@ -194,8 +195,8 @@ inline constexpr const char* VALUES_ca[] = {
 };
 
 inline constexpr const char* VALUES_cs[] = {
-    "%d jader",
-    "%d jader / %d vláken",
+    "Jádra: %d",
+    "Jádra: %d / vlákna: %d",
     "Použít",
     "Automaticky",
     "Pozadí",
@@ -231,8 +232,8 @@ inline constexpr const char* VALUES_cs[] = {
 };
 
 inline constexpr const char* VALUES_da[] = {
-    "%d kerner",
-    "%d kerner / %d tråde",
+    "Kerner: %d",
+    "Kerner: %d / tråde: %d",
     "Anvend",
     "Automatisk",
     "Baggrund",
@@ -305,8 +306,8 @@ inline constexpr const char* VALUES_de[] = {
 };
 
 inline constexpr const char* VALUES_el[] = {
-    "%d πυρήνες",
-    "%d πυρήνες / %d νήματα",
+    "Πυρήνες: %d",
+    "Πυρήνες: %d / νήματα: %d",
     "Εφαρμογή",
     "Αυτόματα",
     "Παρασκήνιο",
@@ -379,8 +380,8 @@ inline constexpr const char* VALUES_en[] = {
 };
 
 inline constexpr const char* VALUES_es[] = {
-    "%d núcleos",
-    "%d núcleos / %d hilos",
+    "Núcleos: %d",
+    "Núcleos: %d / hilos: %d",
     "Aplicar",
     "Automático",
     "Fondo",
@@ -453,8 +454,8 @@ inline constexpr const char* VALUES_fa[] = {
 };
 
 inline constexpr const char* VALUES_fi[] = {
-    "%d ydintä",
-    "%d ydintä / %d säiettä",
+    "Ytimiä: %d",
+    "Ytimiä: %d / säikeitä: %d",
     "Toteuta",
     "Automaattinen",
     "Tausta",
@@ -490,7 +491,7 @@ inline constexpr const char* VALUES_fi[] = {
 };
 
 inline constexpr const char* VALUES_fr[] = {
-    "%d cœurs",
+    "Cœurs : %d",
     "%d cœurs / %d threads",
     "Appliquer",
     "Automatique",
@@ -527,7 +528,7 @@ inline constexpr const char* VALUES_fr[] = {
 };
 
 inline constexpr const char* VALUES_he[] = {
-    "%d ליבות",
+    "ליבות: %d",
     "%d ליבות / %d תהליכונים",
     "החלה",
     "אוטומטית",
@@ -541,7 +542,7 @@ inline constexpr const char* VALUES_he[] = {
     "ליבה %d",
     "כהה",
     "פותח על ידי",
-    "הצהרת אי־אחריות",
+    "כתב ויתור",
     "יעילות",
     "גלגל שיניים",
     "אופקי",
@@ -601,8 +602,8 @@ inline constexpr const char* VALUES_hi[] = {
 };
 
 inline constexpr const char* VALUES_hr[] = {
-    "%d jezgri",
-    "%d jezgri / %d niti",
+    "Jezgre: %d",
+    "Jezgre: %d / niti: %d",
     "Primijeni",
     "Automatski",
     "Pozadina",
@@ -823,8 +824,8 @@ inline constexpr const char* VALUES_ko[] = {
 };
 
 inline constexpr const char* VALUES_lt[] = {
-    "%d branduoliai",
-    "%d branduoliai / %d gijos",
+    "Branduoliai: %d",
+    "Branduoliai: %d / gijos: %d",
     "Pritaikyti",
     "Automatinė",
     "Fonas",
@@ -860,8 +861,8 @@ inline constexpr const char* VALUES_lt[] = {
 };
 
 inline constexpr const char* VALUES_lv[] = {
-    "%d kodoli",
-    "%d kodoli / %d pavedieni",
+    "Kodoli: %d",
+    "Kodoli: %d / pavedieni: %d",
     "Pielietot",
     "Automātiski",
     "Fons",
@@ -934,8 +935,8 @@ inline constexpr const char* VALUES_ms[] = {
 };
 
 inline constexpr const char* VALUES_nb[] = {
-    "%d kjerner",
-    "%d kjerner / %d tråder",
+    "Kjerner: %d",
+    "Kjerner: %d / tråder: %d",
     "Bruk",
     "Automatisk",
     "Bakgrunn",
@@ -1008,8 +1009,8 @@ inline constexpr const char* VALUES_ne[] = {
 };
 
 inline constexpr const char* VALUES_nl[] = {
-    "%d kernen",
-    "%d kernen / %d threads",
+    "Kernen: %d",
+    "Kernen: %d / threads: %d",
     "Toepassen",
     "Automatisch",
     "Achtergrond",
@@ -1045,8 +1046,8 @@ inline constexpr const char* VALUES_nl[] = {
 };
 
 inline constexpr const char* VALUES_pl[] = {
-    "%d rdzeni",
-    "%d rdzeni / %d wątków",
+    "Rdzenie: %d",
+    "Rdzenie: %d / wątki: %d",
     "Zastosuj",
     "Automatycznie",
     "Tło",
@@ -1075,15 +1076,15 @@ inline constexpr const char* VALUES_pl[] = {
     "Super",
     "Tekst",
     "Motyw",
-    "Niniejsze oprogramowanie jest dostarczane „takie, jakie jest”, bez jakiejkolwiek gwarancji, wyraźnej ani dorozumianej. Korzystasz z niego na własne ryzyko. Autor nie ponosi odpowiedzialności za jakiekolwiek szkody wynikające z używania tego oprogramowania.",
+    "Niniejsze oprogramowanie jest dostarczane „takie, jakie jest”, bez jakiejkolwiek gwarancji, wyraźnej ani dorozumianej. Korzystanie z niego odbywa się na własne ryzyko użytkownika. Autor nie ponosi odpowiedzialności za jakiekolwiek szkody wynikające z używania tego oprogramowania.",
     "Dławienie",
     "Łącznie",
     "Pionowo",
 };
 
 inline constexpr const char* VALUES_pt[] = {
-    "%d núcleos",
-    "%d núcleos / %d threads",
+    "Núcleos: %d",
+    "Núcleos: %d / threads: %d",
     "Aplicar",
     "Automático",
     "Fundo",
@@ -1119,8 +1120,8 @@ inline constexpr const char* VALUES_pt[] = {
 };
 
 inline constexpr const char* VALUES_ro[] = {
-    "%d nuclee",
-    "%d nuclee / %d fire",
+    "Nuclee: %d",
+    "Nuclee: %d / fire: %d",
     "Aplică",
     "Automată",
     "Fundal",
@@ -1156,7 +1157,7 @@ inline constexpr const char* VALUES_ro[] = {
 };
 
 inline constexpr const char* VALUES_ru[] = {
-    "%d ядер",
+    "Ядер: %d",
     "%d ядер / %d потоков",
     "Применить",
     "Автоматически",
@@ -1193,8 +1194,8 @@ inline constexpr const char* VALUES_ru[] = {
 };
 
 inline constexpr const char* VALUES_sk[] = {
-    "%d jadier",
-    "%d jadier / %d vlákien",
+    "Jadrá: %d",
+    "Jadrá: %d / vlákna: %d",
     "Použiť",
     "Automaticky",
     "Pozadie",
@@ -1230,8 +1231,8 @@ inline constexpr const char* VALUES_sk[] = {
 };
 
 inline constexpr const char* VALUES_sl[] = {
-    "%d jeder",
-    "%d jeder / %d niti",
+    "Jedra: %d",
+    "Jedra: %d / niti: %d",
     "Uveljavi",
     "Samodejno",
     "Ozadje",
@@ -1267,8 +1268,8 @@ inline constexpr const char* VALUES_sl[] = {
 };
 
 inline constexpr const char* VALUES_sr[] = {
-    "%d језгара",
-    "%d језгара / %d нити",
+    "Језгра: %d",
+    "Језгра: %d / нити: %d",
     "Примени",
     "Аутоматски",
     "Позадина",
@@ -1304,8 +1305,8 @@ inline constexpr const char* VALUES_sr[] = {
 };
 
 inline constexpr const char* VALUES_sv[] = {
-    "%d kärnor",
-    "%d kärnor / %d trådar",
+    "Kärnor: %d",
+    "Kärnor: %d / trådar: %d",
     "Verkställ",
     "Automatiskt",
     "Bakgrund",
@@ -1341,8 +1342,8 @@ inline constexpr const char* VALUES_sv[] = {
 };
 
 inline constexpr const char* VALUES_sw[] = {
-    "Viini %d",
-    "Viini %d / Nyuzi %d",
+    "Viini: %d",
+    "Viini: %d / nyuzi: %d",
     "Tumia",
     "Kiotomatiki",
     "Mandharinyuma",
@@ -1489,8 +1490,8 @@ inline constexpr const char* VALUES_tr[] = {
 };
 
 inline constexpr const char* VALUES_uk[] = {
-    "%d ядер",
-    "%d ядер / %d потоків",
+    "Ядра: %d",
+    "Ядра: %d / потоки: %d",
     "Застосувати",
     "Автоматично",
     "Тло",
@@ -1541,7 +1542,7 @@ inline constexpr const char* VALUES_ur[] = {
     "گہری",
     "تیار کردہ",
     "اعلانِ دستبرداری",
-    "کفایت",
+    "بجلی کی بچت",
     "گیئر",
     "افقی",
     "زبان",

@@ -736,7 +736,7 @@ TEST_F(InfoLine, SpeaksArabicWhereItHasWords)
     speak("ar");
     EXPECT_THAT(forms(THREADED), ElementsAre("8 نواة / 16 خيط / الذاكرة " MARKS "5/31 GB", MARKS "8C/16T / الذاكرة " MARKS "5/31 GB",
                                              MARKS "8C/16T / " MARKS "5/31 GB", MARKS "8C/16T"));
-    EXPECT_EQ(text({.logical = 8, .physical = 8}, ROOMY), "8 نواة");
+    EXPECT_EQ(text({.logical = 8, .physical = 8}, ROOMY), "الأنوية: 8");
 }
 
 TEST_F(InfoLine, EveryFormReadsInOrderFromRightToLeft)

@@ -67,6 +67,12 @@ struct Translation {
     const char* german;
 };
 
+struct CountRow {
+    const char* code;
+    const char* cores;
+    const char* cores_and_threads;  ///< null if it is not of that kind
+};
+
 struct SampleRow {
     const char* code;
     const char* core;
@@ -159,6 +165,36 @@ const Translation TRANSLATIONS[] = {
     {"Throttle", "Throttle", "Drosselung"},
     {"Total", "Total", "Gesamt"},
     {"Vertical", "Vertical", "Vertikal"},
+};
+
+/// Languages in which no form of the noun before which a number stands is right for every number, 1 among them.
+const CountRow COUNT_ROWS[] = {
+    {"bg", "Ядра: %d", "Ядра: %d / нишки: %d"},
+    {"ca", "Nuclis: %d", "Nuclis: %d / fils: %d"},
+    {"cs", "Jádra: %d", "Jádra: %d / vlákna: %d"},
+    {"da", "Kerner: %d", "Kerner: %d / tråde: %d"},
+    {"el", "Πυρήνες: %d", "Πυρήνες: %d / νήματα: %d"},
+    {"es", "Núcleos: %d", "Núcleos: %d / hilos: %d"},
+    {"fi", "Ytimiä: %d", "Ytimiä: %d / säikeitä: %d"},
+    {"hr", "Jezgre: %d", "Jezgre: %d / niti: %d"},
+    {"lt", "Branduoliai: %d", "Branduoliai: %d / gijos: %d"},
+    {"lv", "Kodoli: %d", "Kodoli: %d / pavedieni: %d"},
+    {"nb", "Kjerner: %d", "Kjerner: %d / tråder: %d"},
+    {"nl", "Kernen: %d", "Kernen: %d / threads: %d"},
+    {"pl", "Rdzenie: %d", "Rdzenie: %d / wątki: %d"},
+    {"pt", "Núcleos: %d", "Núcleos: %d / threads: %d"},
+    {"ro", "Nuclee: %d", "Nuclee: %d / fire: %d"},
+    {"sk", "Jadrá: %d", "Jadrá: %d / vlákna: %d"},
+    {"sl", "Jedra: %d", "Jedra: %d / niti: %d"},
+    {"sr", "Језгра: %d", "Језгра: %d / нити: %d"},
+    {"sv", "Kärnor: %d", "Kärnor: %d / trådar: %d"},
+    {"sw", "Viini: %d", "Viini: %d / nyuzi: %d"},
+    {"uk", "Ядра: %d", "Ядра: %d / потоки: %d"},
+    // The longer text of these four is settled
+    {"ar", "الأنوية: %d", nullptr},
+    {"fr", "Cœurs\u00A0: %d", nullptr},
+    {"he", "ליבות: %d", nullptr},
+    {"ru", "Ядер: %d", nullptr},
 };
 
 const SampleRow SAMPLE_ROWS[] = {
@@ -299,6 +335,28 @@ TEST(Tables, SomeRowsOfOtherLanguagesAreExactlyThese)
         EXPECT_STREQ(row.cores_and_threads, i18n.tr("%d Cores / %d Threads"));
         EXPECT_STREQ(row.balanced_h, i18n.tr("Balanced-H"));
         EXPECT_STREQ(row.settings, i18n.tr("Settings"));
+    }
+}
+
+TEST(Tables, CountsStandBehindNounsThatChangeWithThem)
+{
+    for (const CountRow& row : COUNT_ROWS) {
+        const I18n& i18n = speaking(row.code);
+        EXPECT_STREQ(row.cores, i18n.tr("%d Cores"));
+        if (row.cores_and_threads != nullptr) {
+            EXPECT_STREQ(row.cores_and_threads, i18n.tr("%d Cores / %d Threads"));
+        }
+    }
+}
+
+TEST(Tables, CountsStandBeforeNounsOnlyWhereThatIsRightForAllNumbersOrSettled)
+{
+    // Nouns that stay as they are after any number, or loanwords; German and English are settled
+    const std::set<std::string> before = {"bn", "de", "en", "fa", "hi", "hu", "id", "it", "ja",
+                                          "ms", "ne", "th", "tl", "tr", "ur", "vi", "zh", "zh_TW"};
+    for (const auto& language : i18n_data::LANGS) {
+        const std::string cores = speaking(language.code).tr("%d Cores");
+        EXPECT_EQ(before.contains(language.code), cores.starts_with("%d")) << cores;
     }
 }
 
