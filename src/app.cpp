@@ -84,7 +84,6 @@ App::~App()
     if (m_sys_metrics) {
         m_sys_metrics->stop();
     }
-    stop_listening();
     for (ClusterUI& ui : m_clusters_ui) {
         g_clear_object(&ui.section_hdr);
         for (CoreWidgets& widgets : ui.cores) {
@@ -92,22 +91,6 @@ App::~App()
         }
     }
     g_clear_object(&m_css);
-}
-
-/// A window that a signal has ended the program under is still open, and with it the cards: they must not call what is gone.
-void App::stop_listening()
-{
-    if (m_window != nullptr) {
-        g_signal_handlers_disconnect_by_data(m_window, this);
-        g_signal_handlers_disconnect_by_data(m_window, &m_window);
-    }
-    for (const ClusterUI& ui : m_clusters_ui) {
-        for (const CoreWidgets& widgets : ui.cores) {
-            if (widgets.card != nullptr) {
-                g_signal_handlers_disconnect_by_data(widgets.card, this);
-            }
-        }
-    }
 }
 
 int App::run(int argc, char** argv)

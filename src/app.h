@@ -15,6 +15,7 @@
 #include "curve_coverage.h"
 #include "system_metrics.h"
 #include "theme.h"
+#include "widget_building.h"
 #include "window_manager.h"
 
 /// What a chart shows; attached to its drawing area as object data "meta" and freed with it.
@@ -105,8 +106,6 @@ private:
         }
     };
 
-    /// Takes our handlers off the window and the cards.
-    void stop_listening();
     static gboolean on_update(gpointer data);
     /// One tick: fresh readings into the cache, the labels, and a redraw of every chart.
     void update();
@@ -130,6 +129,7 @@ private:
     void limit_window_size();
     static gboolean on_configure(GtkWidget* widget, GdkEventConfigure* ev, gpointer data);
     static gboolean on_delete(GtkWidget* widget, GdkEvent* event, gpointer data);
+    static void on_destroy(GtkWidget* widget, gpointer data);
     WindowRect rect_to_remember() const;
     /// Makes that the record of the orientation in force.
     void save_geometry(const WindowRect& rect) const;
@@ -340,4 +340,5 @@ private:
     bool m_painting = false;  ///< inside draw_window()
     bool m_dark = false;      ///< the resolved theme; written by apply_theme() alone
     guint m_portal_sub = 0;   ///< subscription to the portal's signal; 0 if there is none
+    const Handlers m_handlers{this};
 };

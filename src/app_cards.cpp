@@ -45,7 +45,7 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
     add_class(card, "core-card");
     gtk_widget_set_hexpand(card, TRUE);
     gtk_widget_set_vexpand(card, TRUE);
-    g_signal_connect(card, "draw", G_CALLBACK(draw_card), this);
+    m_handlers.connect(card, "draw", G_CALLBACK(draw_card));
 
     GtkWidget* title_row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
     GtkWidget* name_label = create_label(card_title(cpu_index), 0.0, "core-label");
@@ -74,7 +74,7 @@ GtkWidget* App::create_chart(const ChartMeta& meta, int min_height)
     gtk_widget_set_size_request(chart, -1, min_height);
     gtk_widget_set_hexpand(chart, TRUE);
     g_object_set_data_full(G_OBJECT(chart), "meta", new ChartMeta(meta), delete_meta);
-    g_signal_connect(chart, "draw", G_CALLBACK(draw_chart), this);
+    m_handlers.connect(chart, "draw", G_CALLBACK(draw_chart));
     return chart;
 }
 
@@ -87,7 +87,7 @@ GtkWidget* App::create_section_header(const CpuCluster& cluster)
     GtkWidget* color_bar = gtk_drawing_area_new();
     gtk_widget_set_size_request(color_bar, COLOR_BAR_WIDTH, COLOR_BAR_HEIGHT);
     g_object_set_data(G_OBJECT(color_bar), "color_index", GINT_TO_POINTER(cluster.color_index));
-    g_signal_connect(color_bar, "draw", G_CALLBACK(draw_color_bar), this);
+    m_handlers.connect(color_bar, "draw", G_CALLBACK(draw_color_bar));
     pack_start(header, color_bar, Fill::NO);
 
     GtkWidget* name_label = create_label(section_title(cluster), 0.0, "group-name");
@@ -127,7 +127,7 @@ GtkWidget* App::create_status_row(GtkWidget* panel)
     add_class(gear, "gear-btn");
     gtk_button_set_relief(GTK_BUTTON(gear), GTK_RELIEF_NONE);
     gtk_widget_set_tooltip_text(gear, I18n::instance().tr("Settings"));
-    g_signal_connect(gear, "clicked", G_CALLBACK(on_settings_clicked), this);
+    m_handlers.connect(gear, "clicked", G_CALLBACK(on_settings_clicked));
     pack_start(row, gear, Fill::NO);
     g_object_set_data(G_OBJECT(panel), "gear", gear);
 

@@ -142,7 +142,7 @@ void App::create_sections()
             GtkWidget* card = create_core_card(cpu_index, cluster.color_index);
             g_object_ref_sink(card);
             if (card_count() == 0) {
-                g_signal_connect(card, "style-updated", G_CALLBACK(forget_card_frames), this);
+                m_handlers.connect(card, "style-updated", G_CALLBACK(forget_card_frames));
             }
             ui.cores.push_back({.card = card,
                                 .chart = widget_of(card, "chart"),

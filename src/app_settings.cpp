@@ -93,8 +93,8 @@ struct Choice {
 };
 
 /// A combo box with its label. The active choice is set before the signal is connected, so that building raises no change.
-GtkWidget* create_combo_row(const char* label, const std::vector<Choice>& choices, const std::string& active, GCallback on_changed,
-                            gpointer data, int wrap_width = 0)
+GtkWidget* create_combo_row(const char* label, const std::vector<Choice>& choices, const std::string& active, const Handlers& handlers,
+                            GCallback on_changed, int wrap_width = 0)
 {
     GtkWidget* combo = gtk_combo_box_text_new();
     for (const Choice& choice : choices) {
@@ -102,16 +102,16 @@ GtkWidget* create_combo_row(const char* label, const std::vector<Choice>& choice
     }
     gtk_combo_box_set_wrap_width(GTK_COMBO_BOX(combo), wrap_width);
     gtk_combo_box_set_active_id(GTK_COMBO_BOX(combo), active.c_str());
-    g_signal_connect(combo, "changed", on_changed, data);
+    handlers.connect(combo, "changed", on_changed);
     add_class(combo, "settings-combo");
     gtk_widget_set_size_request(combo, COMBO_WIDTH, -1);
     return create_row(create_label(label, 0.0, "settings-label"), combo);
 }
 
-GtkWidget* create_button(const char* label, GCallback on_clicked, gpointer data)
+GtkWidget* create_button(const char* label, const Handlers& handlers, GCallback on_clicked)
 {
     GtkWidget* button = gtk_button_new_with_label(label);
-    g_signal_connect(button, "clicked", on_clicked, data);
+    handlers.connect(button, "clicked", on_clicked);
     return button;
 }
 
@@ -316,7 +316,7 @@ void App::build_settings_content(GtkWidget* box)
 GtkWidget* App::create_orientation_row()
 {
     return create_combo_row(tr("Orientation"), {{"vertical", tr("Vertical")}, {"horizontal", tr("Horizontal")}},
-                            SettingsStore::instance().get().orientation, G_CALLBACK(on_orientation_changed), this);
+                            SettingsStore::instance().get().orientation, m_handlers, G_CALLBACK(on_orientation_changed));
 }
 
 GtkWidget* App::create_columns_frame()
@@ -329,13 +329,13 @@ GtkWidget* App::create_columns_frame()
     gtk_widget_set_margin_bottom(row, 6);
     gtk_container_add(GTK_CONTAINER(frame), row);
 
-    pack_start(row, create_button("−", G_CALLBACK(on_fewer_columns), this), Fill::NO);
+    pack_start(row, create_button("−", m_handlers, G_CALLBACK(on_fewer_columns)), Fill::NO);
     m_col_label = gtk_label_new(std::to_string(m_num_columns).c_str());
     gtk_widget_set_size_request(m_col_label, COLUMN_NUMBER_WIDTH, -1);
     add_class(m_col_label, "settings-label");
     pack_start(row, m_col_label, Fill::NO);
-    pack_start(row, create_button("+", G_CALLBACK(on_more_columns), this), Fill::NO);
-    pack_end(row, create_button(tr("Apply"), G_CALLBACK(on_apply_columns), this));
+    pack_start(row, create_button("+", m_handlers, G_CALLBACK(on_more_columns)), Fill::NO);
+    pack_end(row, create_button(tr("Apply"), m_handlers, G_CALLBACK(on_apply_columns)));
     return frame;
 }
 
@@ -348,14 +348,14 @@ GtkWidget* App::create_language_row()
     for (const LanguageInfo& language : languages) {
         choices.push_back({language.code, language.native_name});
     }
-    return create_combo_row(tr("Language"), choices, SettingsStore::instance().get().language, G_CALLBACK(on_language_changed), this,
+    return create_combo_row(tr("Language"), choices, SettingsStore::instance().get().language, m_handlers, G_CALLBACK(on_language_changed),
                             LANGUAGES_PER_LINE);
 }
 
 GtkWidget* App::create_theme_row()
 {
     return create_combo_row(tr("Theme"), {{"auto", tr("Automatic")}, {"light", tr("Light")}, {"dark", tr("Dark")}},
-                            SettingsStore::instance().get().theme, G_CALLBACK(on_theme_changed), this);
+                            SettingsStore::instance().get().theme, m_handlers, G_CALLBACK(on_theme_changed));
 }
 
 GtkWidget* App::create_colors_expander()
@@ -373,7 +373,7 @@ GtkWidget* App::create_colors_expander()
         add_color_row(box, tr(slot.label_key), slot.slot);
     }
     add_cluster_color_rows(box);
-    GtkWidget* reset = create_button(tr("Reset colors"), G_CALLBACK(on_reset_colors), this);
+    GtkWidget* reset = create_button(tr("Reset colors"), m_handlers, G_CALLBACK(on_reset_colors));
     gtk_widget_set_margin_top(reset, COLORS_MARGIN);
     pack_start(box, reset, Fill::NO);
     return m_colors_expander;
@@ -413,7 +413,7 @@ GtkWidget* App::color_row(const char* label, const char* hex, GCallback on_set, 
     gtk_color_chooser_set_use_alpha(GTK_COLOR_CHOOSER(button), FALSE);
     gtk_color_button_set_title(GTK_COLOR_BUTTON(button), label);
     add_class(button, "color-swatch");
-    g_signal_connect(button, "color-set", on_set, data);
+    m_handlers.connect(button, "color-set", on_set, data);
 
     GtkWidget* name = create_label(label, 0.0, "settings-label");
     gtk_label_set_ellipsize(GTK_LABEL(name), PANGO_ELLIPSIZE_END);

@@ -41,11 +41,11 @@ void App::create_window()
     limit_window_size();
 
     g_signal_connect(m_window, "destroy", G_CALLBACK(gtk_main_quit), nullptr);
-    g_signal_connect(m_window, "destroy", G_CALLBACK(gtk_widget_destroyed), &m_window);
-    g_signal_connect(m_window, "delete-event", G_CALLBACK(on_delete), this);
-    g_signal_connect(m_window, "configure-event", G_CALLBACK(on_configure), this);
-    g_signal_connect(m_window, "draw", G_CALLBACK(draw_window), this);
-    g_signal_connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc), this);
+    m_handlers.connect(m_window, "destroy", G_CALLBACK(on_destroy));
+    m_handlers.connect(m_window, "delete-event", G_CALLBACK(on_delete));
+    m_handlers.connect(m_window, "configure-event", G_CALLBACK(on_configure));
+    m_handlers.connect(m_window, "draw", G_CALLBACK(draw_window));
+    m_handlers.connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc));
     build_layout();
 }
 
@@ -119,6 +119,11 @@ gboolean App::on_delete(GtkWidget*, GdkEvent*, gpointer data)
     const App& app = *static_cast<App*>(data);
     app.save_geometry(app.rect_to_remember());
     return FALSE;
+}
+
+void App::on_destroy(GtkWidget*, gpointer data)
+{
+    static_cast<App*>(data)->m_window = nullptr;
 }
 
 /// Where the window is, except on Wayland: there the stored position stays, since nobody can tell a newer one.

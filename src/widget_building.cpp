@@ -24,6 +24,13 @@ GtkWidget* create_label(const std::string& text, double xalign, const char* css_
     return label;
 }
 
+void Handlers::connect(GtkWidget* widget, const char* signal, GCallback handler, gpointer data) const
+{
+    GClosure* const closure = g_cclosure_new(handler, data, nullptr);
+    g_object_watch_closure(m_lifetime, closure);
+    g_signal_connect_closure(widget, signal, closure, FALSE);
+}
+
 void set_accessible_name(GtkWidget* widget, const std::string& name)
 {
     atk_object_set_name(gtk_widget_get_accessible(widget), name.c_str());

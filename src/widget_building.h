@@ -17,6 +17,24 @@ void add_class(GtkWidget* widget, const char* css_class);
 /// `xalign` is 0.0 (at the start, which is the right-hand side in right-to-left languages) to 1.0.
 GtkWidget* create_label(const std::string& text, double xalign, const char* css_class);
 
+/// Signal handlers on widgets that serve one object. They go when that object does, of which this is a member: widgets can outlive it.
+class Handlers {
+public:
+    /// `object` is what the handlers get for their data.
+    explicit Handlers(gpointer object) : m_object(object) {}
+    ~Handlers() { g_object_unref(m_lifetime); }
+    Handlers(const Handlers&) = delete;
+    Handlers& operator=(const Handlers&) = delete;
+
+    /// As g_signal_connect().
+    void connect(GtkWidget* widget, const char* signal, GCallback handler) const { connect(widget, signal, handler, m_object); }
+    void connect(GtkWidget* widget, const char* signal, GCallback handler, gpointer data) const;
+
+private:
+    const gpointer m_object;
+    GObject* const m_lifetime = static_cast<GObject*>(g_object_new(G_TYPE_OBJECT, nullptr));  ///< watched by all of them
+};
+
 /// What a screen reader calls a widget that has no text of its own.
 void set_accessible_name(GtkWidget* widget, const std::string& name);
 

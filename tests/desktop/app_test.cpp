@@ -6,9 +6,15 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <mutex>
+#include <new>
+#include <numeric>
 #include <optional>
 #include <thread>
 
@@ -854,30 +860,69 @@ TEST_F(Ending, LeavesTheWindowAlone)
     EXPECT_TRUE(gtk_widget_is_ancestor(card, window));
 }
 
-TEST_F(Ending, LeavesNoHandlerOnWindowAndCards)
+/// Calls `visit` with the widget and with all that it holds.
+void for_each_widget(GtkWidget* top, const std::function<void(GtkWidget*)>& visit)
 {
-    std::optional<App> app(std::in_place);
+    visit(top);
+    if (GTK_IS_CONTAINER(top)) {
+        const auto descend = [](GtkWidget* child, gpointer data) {
+            for_each_widget(child, *static_cast<const std::function<void(GtkWidget*)>*>(data));
+        };
+        gtk_container_forall(GTK_CONTAINER(top), descend, const_cast<std::function<void(GtkWidget*)>*>(&visit));
+    }
+}
+
+/// How many widgets of a window call handlers that get this for their data.
+int callers(GtkWidget* window, gpointer data)
+{
+    int count = 0;
+    for_each_widget(
+        window, [&](GtkWidget* widget) { count += g_signal_handler_find(widget, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, data) != 0; });
+    return count;
+}
+
+TEST_F(Ending, LeavesNoHandlerInTheWindowsThatOutliveIt)
+{
+    auto app = std::make_unique<App>();
     app->m_clusters = make_clusters({0, 2});
     app->create_window();
     GtkWidget* const window = app->m_window;
-    std::vector<GtkWidget*> calling{window};
-    for (const auto& widgets : app->m_clusters_ui[1].cores) {
-        calling.push_back(widgets.card);
-    }
-    const auto calls = [](GtkWidget* widget, gpointer data) {
-        return g_signal_handler_find(widget, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr, data) != 0;
-    };
-    void* const gone = &*app;
-    void* const pointer_gone = &app->m_window;
-    for (GtkWidget* widget : calling) {
-        ASSERT_TRUE(calls(widget, gone));
-    }
-    ASSERT_TRUE(calls(window, pointer_gone));
+    App::on_settings_clicked(nullptr, app.get());
+    GtkWidget* const dialog = app->m_settings_popover;
+    void* const gone = app.get();
+    EXPECT_EQ(callers(window, gone), 1 + 2 * 2 + 2 + 2) << "window, cards, charts, colour bars, total chart and gear";
+    EXPECT_GE(callers(dialog, gone), 3 + 3 + 1) << "choices, buttons and colours";
     app.reset();
-    for (GtkWidget* widget : calling) {
-        EXPECT_FALSE(calls(widget, gone));
-    }
-    EXPECT_FALSE(calls(window, pointer_gone));
+    EXPECT_EQ(callers(window, gone), 0);
+    EXPECT_EQ(callers(dialog, gone), 0);
+}
+
+TEST_F(Ending, WindowThatOutlivesItCanBeUsedAndDestroyed)
+{
+    alignas(App) std::byte memory[sizeof(App)];
+    auto* const app = new (memory) App;
+    app->m_clusters = make_clusters({2});
+    app->create_window();
+    GtkWidget* const window = app->m_window;
+    gtk_widget_show_all(window);
+    ASSERT_TRUE(settle(window));
+    app->~App();
+    std::iota(reinterpret_cast<std::uint8_t*>(memory), reinterpret_cast<std::uint8_t*>(memory) + sizeof memory,
+              std::uint8_t{1});  // so that whoever still looks there falls
+    int width = 0;
+    int height = 0;
+    gtk_window_get_size(GTK_WINDOW(window), &width, &height);
+    gtk_window_resize(GTK_WINDOW(window), width + 50, height + 50);
+    EXPECT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(window) == width + 50; }));
+    gtk_widget_queue_draw(window);
+    EXPECT_TRUE(settle(window));
+    gtk_widget_reset_style(window);
+    GdkEvent* const close = gdk_event_new(GDK_DELETE);
+    EXPECT_FALSE(gtk_widget_event(window, close));
+    gdk_event_free(close);
+    // No main loop of App's own is there that the window's end could end
+    g_signal_handlers_disconnect_by_func(window, reinterpret_cast<gpointer>(gtk_main_quit), nullptr);
+    gtk_widget_destroy(window);
 }
 
 TEST_F(Ending, CopesWithoutSamplingObjects)
