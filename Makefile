@@ -23,7 +23,7 @@ test: ## Build everything and run every test
 	@tools/run-tests test
 
 bench: ## Build and run the benchmarks
-	@tools/ensure-packages build test bench
+	@tools/ensure-packages build test deb bench
 	@tools/build bench
 	@bench/run build/bench
 

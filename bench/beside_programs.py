@@ -13,6 +13,7 @@ from monitor import config_folder
 
 PEERS = Path(__file__).resolve().parent / "peers"
 PLACE = (40, 40)  # of a window on its screen
+MIN_COLUMNS, MAX_COLUMNS = 2, 16
 
 # What the monitor reads every other second on the machines of the comparison.
 FILES_OF_A_PASS = (
@@ -31,7 +32,7 @@ class Shape:
 
     @property
     def columns(self) -> int:
-        return min(max(1, math.isqrt(self.cpus)), 16)
+        return min(max(MIN_COLUMNS, math.isqrt(self.cpus)), MAX_COLUMNS)
 
     @property
     def size(self) -> tuple[int, int]:
@@ -39,12 +40,20 @@ class Shape:
 
 
 @dataclass(frozen=True)
+class Folders:
+    """Where our own programs lie."""
+    vantric: Path  # the program itself
+    floors: Path  # the folder of empty_window, charts_only and plain_reader
+
+
+@dataclass(frozen=True)
 class Program:
-    """One of them. `command` is given the folder of our own programs; `prepare` puts its configuration into a home folder."""
+    """One of them. `prepare` puts its configuration into a home folder."""
     name: str
-    command: Callable[[Path, Shape], list[str]]
+    command: Callable[[Folders, Shape], list[str]]
     prepare: Callable[[XDisplay, Shape], None] = lambda display, shape: None
     has_window: bool = True
+    in_each_round: bool = False  # lines are formed from it; of all others one round is enough
 
 
 def _remember_shape(display: XDisplay, shape: Shape) -> None:
@@ -53,15 +62,11 @@ def _remember_shape(display: XDisplay, shape: Shape) -> None:
     (folder / "geometry.json").write_text(Stored(vertical=Record(*PLACE, *shape.size, shape.columns)).line)
 
 
-def _configure_gkrellm(display: XDisplay, shape: Shape, updates: int = 10) -> None:
+def _configure_gkrellm(display: XDisplay, updates: int) -> None:
     """It looks ten times a second unless it is told otherwise; its charts move once a second in any case."""
     folder = display.home / ".gkrellm2"
     folder.mkdir()
     (folder / "user-config").write_text(f"{(PEERS / 'gkrellm.user-config').read_text()}update_HZ {updates}\n")
-
-
-def _configure_slow_gkrellm(display: XDisplay, shape: Shape) -> None:
-    _configure_gkrellm(display, shape, updates=1)
 
 
 def _configure_system_monitor(display: XDisplay, shape: Shape) -> None:
@@ -73,15 +78,17 @@ def _words(*values: object) -> list[str]:
     return [str(value) for value in values]
 
 
-REFERENCE, OURS, EMPTY_WINDOW, PLAIN_READER = "gkrellm", "vantric", "empty window", "plain reader"
+OURS, OURS_BY_DEFAULT = "vantric", "vantric, one column"
+REFERENCE, EMPTY_WINDOW, PLAIN_READER = "gkrellm once a second", "empty window", "plain reader"
 
 PROGRAMS = {program.name: program for program in (
-    Program(OURS, lambda build, shape: _words(build / "vantric"), _remember_shape),
-    Program(REFERENCE, lambda build, shape: ["gkrellm"], _configure_gkrellm),
-    Program("gkrellm once a second", lambda build, shape: ["gkrellm"], _configure_slow_gkrellm),
-    Program("conky", lambda build, shape: _words("conky", "-q", "-c", PEERS / "conky.lua")),
-    Program("gnome-system-monitor", lambda build, shape: ["gnome-system-monitor"], _configure_system_monitor),
-    Program(EMPTY_WINDOW, lambda build, shape: _words(build / "empty_window", *shape.size)),
-    Program("charts only", lambda build, shape: _words(build / "charts_only", shape.cpus, shape.columns, *shape.size)),
-    Program(PLAIN_READER, lambda build, shape: _words(build / "plain_reader", *FILES_OF_A_PASS), has_window=False),
+    Program(OURS, lambda ours, shape: _words(ours.vantric), _remember_shape, in_each_round=True),
+    Program(OURS_BY_DEFAULT, lambda ours, shape: _words(ours.vantric), in_each_round=True),
+    Program(REFERENCE, lambda ours, shape: ["gkrellm"], lambda display, shape: _configure_gkrellm(display, 1), in_each_round=True),
+    Program("gkrellm", lambda ours, shape: ["gkrellm"], lambda display, shape: _configure_gkrellm(display, 10)),
+    Program("conky", lambda ours, shape: _words("conky", "-q", "-c", PEERS / "conky.lua")),
+    Program("gnome-system-monitor", lambda ours, shape: ["gnome-system-monitor"], _configure_system_monitor),
+    Program(EMPTY_WINDOW, lambda ours, shape: _words(ours.floors / "empty_window", *shape.size), in_each_round=True),
+    Program("charts only", lambda ours, shape: _words(ours.floors / "charts_only", shape.cpus, shape.columns, *shape.size)),
+    Program(PLAIN_READER, lambda ours, shape: _words(ours.floors / "plain_reader", *FILES_OF_A_PASS), has_window=False),
 )}

@@ -1,4 +1,4 @@
-"""Where the programs are measured: one moving machine that all of them see, and a display with a window manager for each."""
+"""Where the programs are measured: one moving machine that all of one size see, and a display with a window manager for each."""
 
 from __future__ import annotations
 
@@ -8,15 +8,18 @@ import struct
 import subprocess
 import time
 from collections.abc import Mapping, Sequence
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Self
 
 from display_process import processes_with
 from display_xwire import SUBSTRUCTURE_NOTIFY_MASK, XWire
+from display_x11 import run_tool
 from displays import DisplayError, WaitTimeout, XDisplay, wait_until
 from fakemachine import Machine, Program as Inside
 
-from beside_programs import Program, Shape
+from beside_counters import cpu_seconds, cpu_seconds_at_rest
+from beside_programs import Folders, Program, Shape
 
 MACHINES = Path(__file__).resolve().parent / "machines"
 THREADS_PER_CORE = 2
@@ -50,13 +53,20 @@ def make_machine(cpus: int) -> CommonMachine:
     return CommonMachine(description)
 
 
+@dataclass(frozen=True)
+class Start:
+    """What a start has taken, in seconds: until the window is there, and CPU time until the program rests after that."""
+    until_window: float
+    cpu: float
+
+
 class Place:
     """Where one program runs: its display, on which another GTK program has already been, as on every desktop, and a home with its
     configuration. A context manager."""
 
-    def __init__(self, program: Program, shape: Shape, build: Path, machine: Machine, screen: tuple[int, int]) -> None:
+    def __init__(self, program: Program, shape: Shape, ours: Folders, machine: Machine, screen: tuple[int, int]) -> None:
         self.program, self._machine = program, machine
-        self._build, self._shape = build, shape
+        self._ours, self._shape = ours, shape
         self._running: Inside | None = None
         self.display = XDisplay(*screen)
 
@@ -66,7 +76,7 @@ class Place:
             self._log = self.display.folder / "output"
             self.server = self._find_server()
             if self.program.has_window:
-                self._start([str(self._build / "empty_window"), "100", "100"], with_window=True)
+                self._start([str(self._ours.floors / "empty_window"), "100", "100"], with_window=True)
                 self.end()
             self.program.prepare(self.display, self._shape)
         except BaseException:
@@ -83,15 +93,24 @@ class Place:
         assert self._running is not None
         return self._running.program_pid
 
-    def start(self) -> float | None:
-        """Starts the program; the seconds until its window is there, None for a program without one."""
-        return self._start(self.program.command(self._build, self._shape), self.program.has_window)
+    def start(self) -> None:
+        """Starts the program, and waits for its window if it has one."""
+        self._start(self.program.command(self._ours, self._shape), self.program.has_window)
 
-    def end(self) -> None:
+    def measured_start(self) -> Start:
+        """Starts a program that has a window, and ends it."""
+        started, cpu = self._start(self.program.command(self._ours, self._shape), with_window=True)
+        until_window = time.monotonic() - started
+        cpu_later = cpu_seconds_at_rest(self.pid)
+        self.end(signal.SIGKILL)
+        return Start(until_window, cpu_later - cpu)
+
+    def end(self, by: signal.Signals = signal.SIGTERM) -> None:
         """Ends the program, if it runs."""
         if self._running is None:
             return
-        self._running.send_signal(signal.SIGTERM)
+        self.go_on()
+        self._running.send_signal(by)
         try:
             self._running.wait(END_TIMEOUT)
         except subprocess.TimeoutExpired:
@@ -99,20 +118,39 @@ class Place:
         self._running.end()
         self._running = None
 
+    def hold(self) -> None:
+        """Stops the program where it is, so that it disturbs nobody."""
+        assert self._running is not None
+        self._running.send_signal(signal.SIGSTOP)
+
+    def go_on(self) -> None:
+        assert self._running is not None
+        self._running.send_signal(signal.SIGCONT)
+
+    def minimise(self) -> None:
+        """Puts the monitor's window away, as its user can."""
+        window = self.display.windows("Vantric", self.pid)[0]
+        run_tool(["xdotool", "windowminimize", str(window)], self.display.env)
+        wait_until(lambda: "_NET_WM_STATE_HIDDEN" in self.display.states(window), TIMEOUT, "a minimised window")
+
     def assert_running(self) -> None:
         assert self._running is not None
         if self._running.poll() is not None:
             last_words = self._log.read_text(errors="replace")[-2000:]
             raise DisplayError(f"{self.program.name} has ended with {self._running.poll()}\n{last_words}")
 
-    def _start(self, command: Sequence[str], with_window: bool) -> float | None:
+    def _start(self, command: Sequence[str], with_window: bool) -> tuple[float, float]:
+        """Monotonic time and the process's CPU time when the program began to run; its window is there by now."""
+        self.display.catch_up()
         watch = FirstWindow(self.display.number) if with_window else None
         try:
             with open(self._log, "wb") as log:
                 self._running = self._machine.popen([*_clean_environment(self.display.env), *command],
                                                     stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-            started = time.monotonic()  # it stood at the gate of its machine until a moment ago
-            return watch.wait(TIMEOUT) - started if watch else None
+            began = time.monotonic(), cpu_seconds(self.pid)  # it stood at the gate of its machine until a moment ago
+            if watch:
+                watch.wait(TIMEOUT)
+            return began
         except WaitTimeout:
             self.assert_running()
             raise
@@ -136,14 +174,13 @@ class FirstWindow:
         self._wire.ask_for_sign()
         self._wire.next_message()  # the server has got here
 
-    def wait(self, timeout: float) -> float:
-        """When it came, in monotonic time."""
+    def wait(self, timeout: float) -> None:
         deadline = time.monotonic() + timeout
         while self._wire.wait_for_message(max(0.0, deadline - time.monotonic())):
             message = self._wire.next_message()
             (parent,) = struct.unpack_from("<I", message, 4)
             if message[0] == MAP_NOTIFY and parent == self._wire.root:
-                return time.monotonic()
+                return
         raise WaitTimeout(f"waited {timeout:g} s in vain for a window")
 
     def close(self) -> None:

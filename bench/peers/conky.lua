@@ -13,7 +13,7 @@ local function count_cpus()
 end
 
 local cpus = count_cpus()
-local columns = math.max(1, math.floor(math.sqrt(cpus)))
+local columns = math.min(math.max(2, math.floor(math.sqrt(cpus))), 16)
 
 local rows = {}
 for first = 1, cpus, columns do

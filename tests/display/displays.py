@@ -264,9 +264,13 @@ class XDisplay(X11Windows, Display):
     def spawn(self, argv: Sequence[str | Path], env_extra: Mapping[str, str | None] = {},
               wrap: Sequence[str | Path] | None = None, *, share_output: bool = False) -> Process:
         """Starts a program as a client; its windows' numbers are none that were used before."""
+        self.catch_up()
+        return super().spawn(argv, env_extra, wrap, share_output=share_output)
+
+    def catch_up(self) -> None:
+        """Call it before a client is started without `spawn`, if another has ended before."""
         if self._keeper is not None:
             self._keeper.catch_up(START_TIMEOUT)
-        return super().spawn(argv, env_extra, wrap, share_output=share_output)
 
     def stop(self) -> None:
         if self._keeper is not None:
