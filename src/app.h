@@ -118,7 +118,7 @@ private:
     static void set_text(GtkWidget* label, const char* text);
     static void set_tooltip(GtkWidget* widget, const char* text);
     /// The byte of a colour channel from 0.0 to 1.0 as labels show it: cut towards zero.
-    static unsigned label_byte(double channel) { return static_cast<unsigned>(channel * 255); }
+    static unsigned label_byte(double channel) { return static_cast<unsigned>(as_double(channel * 255)); }
 
     // --- app_window.cpp: the window, its monitor and its geometry ---
 

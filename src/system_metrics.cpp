@@ -416,7 +416,7 @@ void SystemMetrics::wait_for_next_pass()
 #ifdef __GLIBC__
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += PAUSE.count();
+    end.tv_sec += static_cast<time_t>(PAUSE.count());
     while (sem_clockwait(&m_wake, CLOCK_MONOTONIC, &end) != 0 && errno == EINTR) {
     }
 #else

@@ -61,7 +61,7 @@ double channel(std::uint32_t value)
 /// A channel as the byte that stands for it. Written so that NaN, too, ends in a byte.
 unsigned channel_byte(double c)
 {
-    const double scaled = c * CHANNEL_MAX + 0.5;
+    const double scaled = as_double(as_double(c * CHANNEL_MAX) + 0.5);
     if (!(scaled > 0.0)) {
         return 0;
     }

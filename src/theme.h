@@ -3,9 +3,20 @@
 #pragma once
 
 #include <array>
+#include <cfloat>
 #include <string>
 
 struct Settings;
+
+/// The value in the width of a double. Registers of some machines are wider, and what they keep beyond it would tip a rounding.
+inline double as_double(double value)
+{
+    if constexpr (FLT_EVAL_METHOD == 0) {
+        return value;
+    }
+    const volatile double in_memory = value;
+    return in_memory;
+}
 
 /// A colour; each channel is nominally 0.0 to 1.0.
 struct Rgb {

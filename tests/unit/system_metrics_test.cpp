@@ -53,12 +53,11 @@ std::string topology_file(int cpu, const std::string& name)
     return CPU_FOLDER + "/cpu" + std::to_string(cpu) + "/topology/" + name;
 }
 
-}  // namespace
-
-/// Takes the place of the C library's function, for a directory whose walk fails half-way.
-extern "C" dirent* readdir(DIR* folder)
+/// The next entry by the C library's function of that name, or the failure of a walk that has got far enough.
+template <typename Entry>
+Entry* next_entry(DIR* folder, const char* function)
 {
-    static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+    const auto real = reinterpret_cast<Entry* (*)(DIR*)>(dlsym(RTLD_NEXT, function));
     if (g_entries_until_failure == 0) {
         errno = EIO;
         return nullptr;
@@ -67,6 +66,20 @@ extern "C" dirent* readdir(DIR* folder)
         --g_entries_until_failure;
     }
     return real(folder);
+}
+
+}  // namespace
+
+/// These take the places of the C library's functions. Which of them a walk calls depends on the machine: where numbers of files have 32 bits,
+/// the second.
+extern "C" dirent* readdir(DIR* folder)
+{
+    return next_entry<dirent>(folder, "readdir");
+}
+
+extern "C" dirent64* readdir64(DIR* folder)
+{
+    return next_entry<dirent64>(folder, "readdir64");
 }
 
 namespace {

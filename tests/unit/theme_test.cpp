@@ -10,6 +10,8 @@
 #include <limits>
 #include <random>
 
+#include "app.h"
+
 using testing::ElementsAre;
 
 namespace {
@@ -137,6 +139,15 @@ TEST(RgbToHex, RoundsHalvesUp)
 {
     EXPECT_EQ("#80807F", rgb_to_hex({0.5, 127.5 / 255, 127.49 / 255}));
     EXPECT_EQ("#FFFE01", rgb_to_hex({254.5 / 255, 254.49 / 255, 0.5 / 255}));
+}
+
+TEST(RgbToHex, EveryByteComesBackFromItsChannel)
+{
+    for (unsigned byte = 0; byte <= 255; ++byte) {
+        const double channel = byte / 255.0;
+        EXPECT_EQ(byte, std::stoul(rgb_to_hex({0.0, 0.0, channel}).substr(1), nullptr, 16));
+        EXPECT_EQ(byte, App::label_byte(channel)) << "cut towards zero, in a label's markup";
+    }
 }
 
 TEST(RgbToHex, ClampsChannelsOutsideZeroToOne)
