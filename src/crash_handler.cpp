@@ -1,30 +1,38 @@
-/// All but install() runs in signal context, on whichever thread took the signal, or in the child forked there. Much of it is not allowed
-/// there and can hang or fail, depending on what has crashed: better a report that mostly works than none.
+/// All but install() runs in signal context, on whichever thread took the signal, or in the child forked there. What has crashed may be
+/// the allocator, and then whoever asks it for memory may wait for good. So nothing here asks it but what can't do without, fork() and
+/// setenv(), and whatever hangs all the same is ended after a while. Some of the rest is not allowed in signal context either, and can
+/// fail: better a report that mostly works than none.
 #include "crash_handler.h"
 
+#include <dlfcn.h>
 #include <execinfo.h>
+#include <fcntl.h>
+#include <gnu/lib-names.h>
+#include <sys/time.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <charconv>
 #include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <string>
+#include <initializer_list>
 #include <string_view>
 
 #include "build_config.h"
-
-using namespace std::string_literals;
 
 namespace {
 
 using BuildConfig::APP_NAME;
 using BuildConfig::APP_VERSION;
 constexpr const char* REPORT_NAME = "Vantric_crash.txt";
+constexpr mode_t REPORT_MODE = 0666;  // less the user's umask
 constexpr int MAX_FRAMES = 32;
+constexpr unsigned TIME_LIMIT_S = 3;  // for all that the dying process and its child do; mostly it takes some milliseconds
 
 struct FatalSignal {
     int number;
@@ -36,10 +44,11 @@ constexpr FatalSignal FATAL_SIGNALS[] = {
     {SIGILL, "SIGILL (Illegal instruction)"},      {SIGTRAP, "SIGTRAP (Trap — usually a fatal GLib/GTK error)"},
 };
 
-// The dying process makes its texts without the allocator, which may be what has crashed. A path is one byte longer here than the kernel
-// opens: one that had to be cut does not open, and names no other file.
+// A path is one byte longer here than the kernel opens: one that had to be cut does not open, and names no other file.
 using PathText = std::array<char, PATH_MAX + 1>;
 using TimeText = std::array<char, 64>;
+using SubjectText = std::array<char, 256>;
+using ScriptText = std::array<char, 4 * PATH_MAX + 4096>;  // holds the report's path four times
 
 /// A variable that tells where the user's display is; the value is null if it is unset.
 struct DisplayVariable {
@@ -80,42 +89,116 @@ PathText crashFilePath()
     return path;
 }
 
+/// Not by localtime, which looks for the time zone anew, with the allocator.
 TimeText local_time()
 {
     TimeText text;
     const std::time_t now = std::time(nullptr);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", std::localtime(&now));
+    std::tm parts = {};
+    localtime_r(&now, &parts);
+    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
     return text;
+}
+
+// --- the end in any case ---
+
+volatile std::sig_atomic_t g_fatal_signal = 0;  // the latest one; 0 before the first
+volatile std::sig_atomic_t g_process = 0;       // the one that reports its crashes; what it forks does not
+
+void unblock(int sig)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, sig);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+/// Takes SIGALRM, on whichever thread the system picks.
+void end_at_once(int)
+{
+    const int sig = g_fatal_signal;
+    std::signal(sig, SIG_DFL);
+    unblock(sig);  // this may be the thread that waits inside the handler
+    std::raise(sig);
+}
+
+/// Ends this process by the fatal signal, should it still be there when the time is up. A second crash, inside the handler, does not
+/// prolong the time.
+void limit_time(int sig)
+{
+    const bool is_second = g_fatal_signal != 0;
+    g_fatal_signal = sig;
+    if (is_second) {
+        return;
+    }
+    struct sigaction action = {};
+    action.sa_handler = end_at_once;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, nullptr);
+    unblock(SIGALRM);  // which the program may have inherited
+    alarm(TIME_LIMIT_S);
 }
 
 // --- the report ---
 
-void write_heading(std::FILE* report, int sig, const TimeText& time)
+int open_report(const PathText& path)
 {
-    std::fprintf(report, "=== %s Crash Report ===\n", APP_NAME);
-    std::fprintf(report, "Version: %s\n", APP_VERSION);
-    std::fprintf(report, "Signal: %s (%d)\n", signalName(sig), sig);
-    std::fprintf(report, "Time: %s\n", time.data());
-    utsname system;
-    if (uname(&system) == 0) {
-        std::fprintf(report, "System: %s %s %s\n", system.sysname, system.release, system.machine);
-    }
-    std::fprintf(report, "Desktop: %s (%s)\n", value_or("XDG_CURRENT_DESKTOP", "unknown"), value_or("XDG_SESSION_TYPE", "unknown"));
-    if (const char* snap = std::getenv("SNAP_VERSION")) {
-        std::fprintf(report, "Snap: yes (v%s)\n", snap);
-    } else {
-        std::fprintf(report, "Snap: no\n");
+    return open(path.data(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, REPORT_MODE);
+}
+
+void write_text(int report, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = write(report, text.data(), text.size());
+        if (written > 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno != EINTR) {
+            return;
+        }
     }
 }
 
-void write_backtrace(std::FILE* report)
+/// Not by a stream, whose buffer comes from the allocator.
+void write_texts(int report, std::initializer_list<std::string_view> texts)
 {
-    std::fprintf(report, "\nBacktrace:\n");
-    std::fflush(report);  // the frames go past the stream
+    for (const std::string_view text : texts) {
+        write_text(report, text);
+    }
+}
+
+void write_heading(int report, int sig, const TimeText& time)
+{
+    std::array<char, 16> number = {};
+    std::to_chars(number.begin(), number.end(), sig);
+    write_texts(report, {"=== ", APP_NAME, " Crash Report ===\n"});
+    write_texts(report, {"Version: ", APP_VERSION, "\n"});
+    write_texts(report, {"Signal: ", signalName(sig), " (", number.data(), ")\n"});
+    write_texts(report, {"Time: ", time.data(), "\n"});
+    utsname system;
+    if (uname(&system) == 0) {
+        write_texts(report, {"System: ", system.sysname, " ", system.release, " ", system.machine, "\n"});
+    }
+    write_texts(report, {"Desktop: ", value_or("XDG_CURRENT_DESKTOP", "unknown"), " (", value_or("XDG_SESSION_TYPE", "unknown"), ")\n"});
+    if (const char* snap = std::getenv("SNAP_VERSION")) {
+        write_texts(report, {"Snap: yes (v", snap, ")\n"});
+    } else {
+        write_text(report, "Snap: no\n");
+    }
+}
+
+void write_frames(int report)
+{
     void* frames[MAX_FRAMES];
     const int count = backtrace(frames, MAX_FRAMES);
-    backtrace_symbols_fd(frames, count, fileno(report));
-    std::fprintf(report, "\n=== End Report ===\n");
+    backtrace_symbols_fd(frames, count, report);
+}
+
+void write_report(int report, int sig, const TimeText& time)
+{
+    write_heading(report, sig, time);
+    write_text(report, "\nBacktrace:\n");
+    write_frames(report);
+    write_text(report, "\n=== End Report ===\n");
 }
 
 // --- the child: the dialogue ---
@@ -142,22 +225,26 @@ bool isGerman()
 
 /// The script, for bash. Its texts are pasted in without escaping: the apostrophe of the English button leaves a quotation open, so bash
 /// refuses the whole script, and only German users are asked.
-std::string dialogue_script(const std::string& path, const std::string& subject)
+ScriptText dialogue_script(const char* path, const char* subject)
 {
     const auto& [btn_send, btn_cancel, win_title] = isGerman() ? GERMAN : ENGLISH;
-    std::string script = "DESC=$(zenity --text-info --editable --title='"s + APP_NAME + win_title + "' --width=500 --height=250";
-    script += " --ok-label='"s + btn_send + "' --cancel-label='" + btn_cancel + "' 2>/dev/null)\n";
-    script += "if [ $? -ne 0 ]; then exit 0; fi\n";
-    script += "echo '' >> '" + path + "'\n";
-    script += "echo 'User description:' >> '" + path + "'\n";
-    script += "echo \"$DESC\" >> '" + path + "'\n";
-    script += "BODY=$(python3 -c \"\n";
-    script += "import urllib.parse\n";
-    script += "with open('" + path + "') as f: data = f.read()\n";
-    script += "print(urllib.parse.quote(data))\n";
-    script += "\" 2>/dev/null)\n";
-    script += "SUBJ=$(python3 -c \"import urllib.parse; print(urllib.parse.quote('" + subject + "'))\" 2>/dev/null)\n";
-    script += "xdg-open \"mailto:"s + BuildConfig::CRASH_MAILBOX + "?subject=${SUBJ}&body=${BODY}\" 2>/dev/null || true\n";
+    ScriptText script;
+    std::snprintf(
+        script.data(), script.size(),
+        R"script(DESC=$(zenity --text-info --editable --title='%s%s' --width=500 --height=250 --ok-label='%s' --cancel-label='%s' 2>/dev/null)
+if [ $? -ne 0 ]; then exit 0; fi
+echo '' >> '%s'
+echo 'User description:' >> '%s'
+echo "$DESC" >> '%s'
+BODY=$(python3 -c "
+import urllib.parse
+with open('%s') as f: data = f.read()
+print(urllib.parse.quote(data))
+" 2>/dev/null)
+SUBJ=$(python3 -c "import urllib.parse; print(urllib.parse.quote('%s'))" 2>/dev/null)
+xdg-open "mailto:%s?subject=${SUBJ}&body=${BODY}" 2>/dev/null || true
+)script",
+        APP_NAME, win_title, btn_send, btn_cancel, path, path, path, path, subject, BuildConfig::CRASH_MAILBOX);
     return script;
 }
 
@@ -181,9 +268,11 @@ void accept_signals()
             setenv(name, value, 1);
         }
     }
-    const std::string subject = APP_NAME + " Crash: "s + signalName(sig) + " - " + time.data();
-    const std::string script = dialogue_script(path.data(), subject);
-    execl("/bin/bash", "bash", "-c", script.c_str(), nullptr);
+    SubjectText subject;
+    std::snprintf(subject.data(), subject.size(), "%s Crash: %s - %s", APP_NAME, signalName(sig), time.data());
+    const ScriptText script = dialogue_script(path.data(), subject.data());
+    alarm(0);  // the user may take any time
+    execl("/bin/bash", "bash", "-c", script.data(), nullptr);
     _exit(0);
 }
 
@@ -193,33 +282,47 @@ void accept_signals()
 void report_crash(int sig)
 {
     const PathText path = crashFilePath();
-    std::FILE* const report = std::fopen(path.data(), "w");
-    if (report == nullptr) {
+    const int report = open_report(path);
+    if (report < 0) {
         return;
     }
     const TimeText time = local_time();
-    write_heading(report, sig, time);
-    write_backtrace(report);
-    std::fclose(report);
+    write_report(report, sig, time);
+    close(report);
     const DisplayVariables display = display_variables();
+    itimerval time_left = {};
+    getitimer(ITIMER_REAL, &time_left);
     if (fork() == 0) {
+        setitimer(ITIMER_REAL, &time_left, nullptr);  // a child does not inherit it
         run_dialogue(path, sig, time, display);
     }
 }
 
-/// The signal raised at the end is blocked until the return, and then ends the process, as if there had been no handler.
+/// The signal raised at the end is blocked until the return, and then ends the process, as if there had been no handler. A crash of the
+/// child ends the child alone.
 void crashHandler(int sig)
 {
     std::signal(sig, SIG_DFL);
-    report_crash(sig);
+    if (getpid() == g_process) {
+        limit_time(sig);
+        report_crash(sig);
+    }
     std::raise(sig);
+}
+
+/// Does beforehand what takes memory when it happens for the first time.
+void prepare()
+{
+    tzset();                         // loads the time zone
+    dlopen(LIBGCC_S_SO, RTLD_LAZY);  // as backtrace() does; the program has it loaded, but its first opening takes memory all the same
 }
 
 }  // namespace
 
 void CrashHandler::install()
 {
-    tzset();  // so that localtime need not load the time zone, with the allocator and a lock, in the middle of a crash
+    g_process = getpid();
+    prepare();
     struct sigaction action = {};
     action.sa_handler = crashHandler;
     sigemptyset(&action.sa_mask);

@@ -9,16 +9,17 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <gtk/gtk.h>
-#include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include "heap_faults.h"
 
 #define MANY_FRAMES 50
 
@@ -82,6 +83,14 @@ __attribute__((noinline)) static void crash_below(long frames)
     room[1] = room[0];
 }
 
+/* As whoever asks an allocator that has crashed. */
+static void wait_for_own_lock(void)
+{
+    static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&lock);
+    pthread_mutex_lock(&lock);
+}
+
 static void crash(const char *way)
 {
     static const char *const names[] = {[SIGSEGV] = "SIGSEGV", [SIGABRT] = "SIGABRT", [SIGFPE] = "SIGFPE",
@@ -101,6 +110,14 @@ static void crash(const char *way)
         crash_below(MANY_FRAMES);
     else if (strcmp(way, "endless") == 0)
         crash_below(-1);
+    else if (strcmp(way, "hang") == 0)
+        wait_for_own_lock();
+    else if (strcmp(way, "double free") == 0)
+        free_twice();
+    else if (strcmp(way, "damaged size") == 0)
+        damage_size();
+    else if (strcmp(way, "fault in malloc") == 0)
+        fault_in_malloc();
 }
 
 static void crash_if_at(const char *call, const void *caller)
@@ -125,10 +142,10 @@ void gtk_init(int *argc, char ***argv)
 }
 
 /* In the constructor of the sensors' sampler */
-int eventfd(unsigned count, int flags)
+int sem_init(sem_t *semaphore, int shared, unsigned value)
 {
-    CRASH_IF_AT(eventfd);
-    return NEXT(eventfd)(count, flags);
+    CRASH_IF_AT(sem_init);
+    return NEXT(sem_init)(semaphore, shared, value);
 }
 
 /* In a draw handler */
@@ -146,13 +163,13 @@ int nanosleep(const struct timespec *time, struct timespec *rest)
 }
 
 /* In the pause of the sensors' sampler */
-int poll(struct pollfd *fds, nfds_t count, int timeout)
+int sem_clockwait(sem_t *semaphore, clockid_t clock, const struct timespec *end)
 {
-    CRASH_IF_AT(poll);
-    return NEXT(poll)(fds, count, timeout);
+    CRASH_IF_AT(sem_clockwait);
+    return NEXT(sem_clockwait)(semaphore, clock, end);
 }
 
-/* In the crash handler itself */
+/* In the crash handler itself; in its child there is setenv, below */
 void backtrace_symbols_fd(void *const *frames, int count, int fd)
 {
     CRASH_IF_AT(backtrace_symbols_fd);
@@ -198,17 +215,28 @@ __sighandler_t signal(int number, __sighandler_t handler)
     return NEXT(signal)(number, handler);
 }
 
-FILE *fopen(const char *path, const char *mode)
+unsigned alarm(unsigned seconds)
 {
+    note("alarm %u\n", seconds);
+    return NEXT(alarm)(seconds);
+}
+
+int open(const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    mode_t mode = va_arg(arguments, mode_t);
+    va_end(arguments);
     if (is_of_program(CALLER))
-        note("fopen %s %s\n", path, mode);
-    return NEXT(fopen)(path, mode);
+        note("open %s\n", path);
+    return NEXT(open)(path, flags, mode);
 }
 
 pid_t fork(void)
 {
     if (!is_of_program(CALLER))
         return NEXT(fork)();
+    CRASH_IF_AT(fork);
     note("fork\n");
     pid_t child = FAILS(fork) ? -1 : NEXT(fork)();
     is_child = child == 0;
@@ -224,6 +252,7 @@ int raise(int number)
 
 int setenv(const char *name, const char *value, int overwrite)
 {
+    CRASH_IF_AT(setenv);
     if (is_of_program(CALLER))
         note("setenv %s=%s %d\n", name, value, overwrite);
     return NEXT(setenv)(name, value, overwrite);

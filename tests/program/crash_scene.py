@@ -134,12 +134,13 @@ class CrashScene:
                  **self.preloaded}
         return {name: value for name, value in {**usual, **changes}.items() if value is not None}
 
-    def start(self, *, wrap: Sequence[str | Path] = (), **changes: str | None) -> Crash:
-        """Starts the program; `wrap` is a command put before, `changes` are variables."""
+    def start(self, *, wrap: Sequence[str | Path] = (), blocked: Sequence[str] = (), **changes: str | None) -> Crash:
+        """Starts the program; `wrap` is a command put before, `blocked` are signals, `changes` are variables."""
         for notes in self.folder.glob("notes*"):
             notes.unlink()
         settings = [f"{name}={value}" for name, value in self.environment(**changes).items()]
-        self._crashes.append(Crash(self, [*map(str, wrap), "env", "--default-signal", "-i", *settings,
+        self._crashes.append(Crash(self, [*map(str, wrap), "env", "--default-signal",
+                                          *(f"--block-signal={name}" for name in blocked), "-i", *settings,
                                           str(self.program)]))
         return self._crashes[-1]
 

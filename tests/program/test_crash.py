@@ -138,7 +138,7 @@ def test_empty_runtime_folder_counts_as_set(scene: CrashScene) -> None:
     crash = scene.start(wrap=["bwrap", "--ro-bind", "/", "/", *writable, "--"], XDG_RUNTIME_DIR="")
     assert crash.wait_for_all() == []
     assert crash.wait() == IN_A_NAMESPACE + signal.SIGSEGV
-    assert scene.calls()[-2:] == [f"fopen /{REPORT_NAME} w", "raise 11"]
+    assert scene.calls()[-2:] == [f"open /{REPORT_NAME}", "raise 11"]
 
 
 @pytest.mark.parametrize("name, length", [("missing", 0), ("runtime", PATH_MAX - len(REPORT_NAME) // 2)],
@@ -155,7 +155,7 @@ def test_without_a_report_the_program_ends_at_once_and_has_no_child(name: str, l
 # --- the steps of the handler ---
 
 def test_handler_is_installed_first_for_six_signals(scene: CrashScene) -> None:
-    scene.crash(CRASH_AT="eventfd")  # the first thing that the constructor of the application does
+    scene.crash(CRASH_AT="sem_init")  # the first thing that the constructor of the application does
     reset_on_entry = f"flags {0x80000000:#x} masked 0"
     installed = [f"sigaction {number.value} {reset_on_entry}" for number in SIGNAL_TEXTS]
     assert scene.calls()[:7] == [*installed, "signal 11 default"]
@@ -164,7 +164,8 @@ def test_handler_is_installed_first_for_six_signals(scene: CrashScene) -> None:
 def test_steps_of_process_and_child(scene: CrashScene) -> None:
     scene.crash(DISPLAY=":7", XAUTHORITY="", LANG="C")
     steps = scene.calls()[scene.calls().index("signal 11 default"):]
-    assert steps == ["signal 11 default", f"fopen {scene.report_path} w", "fork", "raise 11"]
+    watchdog = ["sigaction 14 flags 0 masked 0", "alarm 3"]
+    assert steps == ["signal 11 default", *watchdog, f"open {scene.report_path}", "fork", "raise 11"]
     handed_on = [call for call in scene.child_calls() if call.startswith("setenv")]
     assert handed_on == ["setenv DISPLAY=:7 1", "setenv XAUTHORITY= 1"]  # WAYLAND_DISPLAY stays unset
 
@@ -194,7 +195,16 @@ def test_same_signal_in_the_handler_waits(scene: CrashScene) -> None:
     crash = scene.crash(CRASH_AT="backtrace_symbols_fd", CRASH_BY="SIGTRAP", **FATAL_WARNING)
     assert crash.wait() == -signal.SIGTRAP
     assert scene.report()
-    assert [call.split()[0] for call in scene.calls()].count("fopen") == 1
+    assert scene.calls().count(f"open {scene.report_path}") == 1
+
+
+@pytest.mark.parametrize("call, blocked", [("fork", []), ("backtrace_symbols_fd", ["ALRM"])],
+                         ids=["fork", "backtrace, where the program was started with SIGALRM blocked"])
+def test_handler_that_hangs_is_ended_by_the_signal(call: str, blocked: list[str], scene: CrashScene) -> None:
+    crash = scene.start(blocked=blocked, CRASH_AT=call, CRASH_BY="hang", **FATAL_WARNING)
+    assert crash.wait_for_all() == []
+    assert crash.wait() == -signal.SIGTRAP
+    assert is_whole(scene.report_path.read_text()) == (call == "fork")
 
 
 def test_exhausted_stack_leaves_no_report(scene: CrashScene) -> None:
@@ -289,6 +299,22 @@ def test_dialogue_can_be_ended_as_any_program(scene: CrashScene) -> None:
     assert [int(process_field(shown, name), 16) & ~SIGNALS_OF_LIBC for name in ("SigBlk", "SigIgn")] == [0, 0]
     os.kill(shown, signal.SIGTERM)
     assert crash.wait_for_all() == [0]
+
+
+@pytest.mark.parametrize("way, number", [("null", signal.SIGSEGV), ("abort", signal.SIGABRT),
+                                         ("hang", signal.SIGTRAP)], ids=["fault", "abort", "hang"])
+def test_child_that_dies_itself_does_so_alone(way: str, number: signal.Signals, scene: CrashScene) -> None:
+    crash = scene.start(CRASH_AT="setenv", CRASH_BY=way, **FATAL_WARNING)
+    assert crash.wait_for_all() == [-number]
+    assert crash.wait() == -signal.SIGTRAP
+    assert scene.report().signal == signal_line(signal.SIGTRAP)
+    assert not {"fork", f"open {scene.report_path}"} & set(scene.child_calls())
+
+
+def test_dialogue_has_no_time_limit(scene: CrashScene) -> None:
+    scene.crash()
+    calls = scene.child_calls()
+    assert calls[calls.index("execl /bin/bash bash -c") - 1] == "alarm 0"
 
 
 # --- the script ---
@@ -484,8 +510,8 @@ def test_user_does_not_send(leave: Callable[[Dialogue, XDisplay], None], x11: XD
 # --- where in the program ---
 
 def test_constructor_before_any_display(scene: CrashScene) -> None:
-    assert scene.crash(CRASH_AT="eventfd").wait() == -signal.SIGSEGV
-    assert re.search(r"eventfd .*SystemMetricsC\dEv .* main", scene.report().functions)
+    assert scene.crash(CRASH_AT="sem_init").wait() == -signal.SIGSEGV
+    assert re.search(r"sem_init .*SystemMetricsC\dEv .* main", scene.report().functions)
 
 
 def test_fatal_warning_of_a_library(scene: CrashScene) -> None:
@@ -499,10 +525,14 @@ def test_fatal_warning_of_a_library(scene: CrashScene) -> None:
     ({"CRASH_AT": "cairo_stroke", "CRASH_BY": "throw"}, signal.SIGABRT, r"abort .*cairo_stroke .*App.*draw_chart"),
     ({"CRASH_AT": "cairo_stroke", "CRASH_BY": "g_error"}, signal.SIGTRAP, r"cairo_stroke .*App.*draw_chart"),
     ({"CRASH_AT": "nanosleep", "CRASH_BY": "null"}, signal.SIGSEGV, r"nanosleep .*CPUReader9read_loop"),
-    ({"CRASH_AT": "poll", "CRASH_BY": "null"}, signal.SIGSEGV, r"poll .*SystemMetrics11update_loop"),
+    ({"CRASH_AT": "sem_clockwait", "CRASH_BY": "null"}, signal.SIGSEGV, r"sem_clockwait .*SystemMetrics11update_loop"),
+    ({"CRASH_AT": "cairo_stroke", "CRASH_BY": "double free"}, signal.SIGABRT, r"abort .*cairo_stroke .*draw_chart"),
+    ({"CRASH_AT": "nanosleep", "CRASH_BY": "damaged size"}, signal.SIGABRT, r"abort .*nanosleep .*CPUReader9read_loop"),
+    ({"CRASH_AT": "sem_clockwait", "CRASH_BY": "fault in malloc"}, signal.SIGSEGV, r"malloc .*update_loop"),
     ({"CRASH_FAILS": "pthread_mutex_lock"}, signal.SIGABRT, r"abort .*(CPUReader.*read|SystemMetrics.*update)_loop"),
 ], ids=["draw handler", "exception in a draw handler", "error of GLib in a draw handler", "loads' thread",
-        "sensors' thread", "mutex of a sampling thread"])
+        "sensors' thread", "double free in a draw handler", "damaged size in the loads' thread",
+        "malloc in the sensors' thread", "mutex of a sampling thread"])
 def test_faults_in_the_running_program(variables: dict[str, str], number: signal.Signals, functions: str, x11: XDisplay,
                                        fault: dict[str, str], start: Start) -> None:
     monitor = start(x11, preset("hybrid-20"), env={**fault, **variables}, accessible=False)
@@ -512,23 +542,24 @@ def test_faults_in_the_running_program(variables: dict[str, str], number: signal
     assert re.search(functions, report.functions), report.functions
 
 
-def sleeping_threads(monitor: Monitor) -> list[int]:
-    """Those of the program's own threads that wait for something now, the main thread first."""
-    sleeping = []
+def own_threads(monitor: Monitor) -> dict[int, str]:
+    """The states of the program's own threads, as the kernel tells them, the main thread first."""
+    states = {}
     for task in Path(f"/proc/{monitor.pid}/task").iterdir():
         try:
             name, state = re.search(r"Name:\t(.*)\n(?:.*\n)*?State:\t(\w)", (task / "status").read_text()).groups()
         except OSError:
             continue  # it has just ended
-        if (name, state) == ("vantric", "S"):
-            sleeping.append(int(task.name))
-    return sorted(sleeping)
+        if name == "vantric":
+            states[int(task.name)] = state
+    return dict(sorted(states.items()))
 
 
 def wait_for_threads(monitor: Monitor) -> list[int]:
     """Waits until main, loads' and sensors' thread, in this order, pause at the same time."""
     monitor.wait_for_window()
-    return wait_until(lambda: len(found := sleeping_threads(monitor)) == 3 and found, TIMEOUT, "three threads' pause")
+    return list(wait_until(lambda: list((found := own_threads(monitor)).values()) == ["S"] * 3 and found, TIMEOUT,
+                           "three threads' pause"))
 
 
 def send_to_thread(monitor: Monitor, thread: int, number: signal.Signals) -> None:
@@ -568,11 +599,7 @@ SECONDS_OF_A_RUN = 3.0  # the start, the window, and a few ticks
 
 
 class RandomCrash:
-    """A program of which some thread gets some signal at some moment.
-
-    The moment is one at which that thread waits for something: a signal that interrupts the allocator may hang the
-    handler, which needs the allocator too. Faults of the program's own come from elsewhere.
-    """
+    """A program of which some thread gets some signal at some moment, whatever it does just then."""
 
     def __init__(self, monitor: Monitor, report: Path, moments: random.Random) -> None:
         self._monitor, self._report = monitor, report
@@ -581,13 +608,11 @@ class RandomCrash:
         self._due = time.monotonic() + moments.uniform(0, SECONDS_OF_A_RUN)
 
     def try_to_send(self) -> bool:
-        """Sends the signal, if it is time and a chosen thread waits."""
+        """Sends the signal, if it is time and the handler is there."""
         if time.monotonic() < self._due or not self._monitor.catches(signal.SIGTRAP):
             return False
-        threads = sleeping_threads(self._monitor)
-        if threads:
-            send_to_thread(self._monitor, threads[int(self._thread * len(threads))], self._number)
-        return bool(threads)
+        threads = list(own_threads(self._monitor))
+        return _libc.tgkill(self._monitor.pid, threads[int(self._thread * len(threads))], self._number.value) == 0
 
     def outcome(self) -> tuple[bool, bool]:
         """Whether the program has ended by the signal, and whether its report is whole and tells that signal."""
@@ -608,7 +633,7 @@ def random_crashes(start_in: Callable[[Path], Monitor], folder: Path,
     def send_the_rest() -> bool:
         left[:] = [crash for crash in left if not crash.try_to_send()]
         return not left
-    wait_until(send_the_rest, TIMEOUT, "a pause of each chosen thread")
+    wait_until(send_the_rest, TIMEOUT, "each program's moment")
     return [crash.outcome() for crash in crashes]
 
 
