@@ -1,182 +1,252 @@
+// The chart is painted in blocks of 8 columns: a row of a block is what the processor works on at once. In each block, the rows above the
+// line are left alone, those below it are filled, and for those between, the line and the area are added up in cells.
+//
+// A pixel that is covered wholly counts COVERED, 2^14. Cells hold how the coverage changes from row to row, and not that but the change of
+// the change: under an edge that crosses a column at an even slope, coverage grows by the same amount in each row,
+//
+//     coverage    0  0 .1 .4 .7 .9  1  1       by COVERED / slope, and so there are cells other than 0 only where it begins and where it
+//     change      0 .1 .3 .3 .2 .1  0          ends, however long it is: three of them, as an end inside of a row is a change of the
+//     cells      .1 .2  0 -.1 -.1 -.1          change for this row and the two below.
+//
+// Adding up twice, downwards, gives the coverage back. Cells and sums are numbers of 16 bits, and sums in between may wrap around: what
+// comes out at last lies between 0 and COVERED, give or take ROUNDING_ERROR.
+//
+// Opacities are of 8 bits, as in cairo's masks.
 #include "curve_coverage.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <utility>
+#include <cstring>
 
 namespace {
 
-constexpr int SAMPLES = 16;                    // columns of samples to a pixel
-constexpr int SAMPLE_WEIGHT = 1024;            // of a sample that covers a pixel's whole height
-constexpr int FULL = SAMPLES * SAMPLE_WEIGHT;  // a pixel that is covered wholly
-constexpr int BATCH = 8;                       // samples that are worked on at once
-constexpr std::size_t ROW_UNIT = 16;           // rows are as long as the processor's vectors like them
-constexpr float MITER_LIMIT = 10.0F;           // cairo's own
-constexpr double HIGHEST_LOAD = 16.0;          // more than this is as good as infinite
-constexpr float FLAT = 1e-3F;                  // of a slope: the end of such a line is taken for upright
-constexpr int TOUCHING = SAMPLE_WEIGHT / 64;   // spans with no more between them count as one
-constexpr float FAR = 1e6F;                    // beyond any chart
-constexpr float ROUND = 0.5F;                  // makes of cutting towards zero a rounding; std::lround takes much longer
+constexpr int COLUMNS = 8;                       // of a block
+constexpr int BLOCK_ROWS = 64;                   // at once; a higher one takes several turns
+constexpr int END_ROWS = 3;                      // cells that an end takes
+constexpr int OPAQUE = 255;                      // levels of opacity
+constexpr int LEVEL_BITS = 6;                    // a level is so many times halved in cells
+constexpr float COVERED = OPAQUE << LEVEL_BITS;  // a pixel that is covered wholly
+constexpr float LEVEL_SLOPE = 1.0F / 16;         // an edge of less has one height in each column
+constexpr std::size_t BYTES = 4;                 // of a pixel
 
-/// The high half of a product. With both sides below 2^15 the result has one bit less than they.
-std::uint16_t high_product(std::uint16_t a, std::uint16_t b)
+/// A number for each pixel in a row of a block. Compilers know such types, and what the processor has for them.
+using Row = std::uint16_t __attribute__((vector_size(COLUMNS * 2)));
+using SignedRow = std::int16_t __attribute__((vector_size(COLUMNS * 2)));
+using PixelRow = std::uint32_t __attribute__((vector_size(COLUMNS * 2)));  // half as many
+using WideRow = std::uint32_t __attribute__((vector_size(COLUMNS * 4)));
+
+/// Makes levels of sums.
+void take_levels(Row& levels, const Row& sums)
 {
-    return static_cast<std::uint16_t>((static_cast<std::uint32_t>(a) * b) >> 16U);
+    constexpr int HALF = 1 << (LEVEL_BITS - 1);
+    const SignedRow rounded = (reinterpret_cast<SignedRow>(sums) + HALF) >> LEVEL_BITS;
+    const SignedRow positive = rounded > 0 ? rounded : SignedRow{};
+    levels = reinterpret_cast<Row>(positive < OPAQUE ? positive : SignedRow{} + OPAQUE);
 }
 
-/// An alpha as a factor for high_product().
-std::uint16_t factor(double alpha)
+/// The levels of a line over an area of that alpha, which is in parts of 256.
+void lay_over(Row& opacity, const Row& area, std::uint16_t area_alpha, const Row& line)
 {
-    return static_cast<std::uint16_t>(std::lround(std::clamp(alpha, 0.0, 1.0) * 2 * FULL));
+    const Row clear_of_area = OPAQUE - ((area * area_alpha + 128) >> 8);
+    const Row clear = clear_of_area * (OPAQUE - line) + 128;
+    opacity = OPAQUE - ((clear + (clear >> 8)) >> 8);
 }
 
-/// Adds cells to the sums of the rows above, and clears them.
-void add_row(std::uint16_t* __restrict sums, std::uint16_t* __restrict cells, std::size_t count)
+/// Blends a colour over the pixels of a row. Every second byte of them is worked on at once.
+void blend(unsigned char* pixels, const Row& opacity, std::uint32_t color)
 {
-    for (std::size_t x = 0; x < count; ++x) {
-        sums[x] = static_cast<std::uint16_t>(sums[x] + cells[x]);
-        cells[x] = 0;
+    const Row part = opacity + (opacity >> 7);  // of 256
+    const WideRow twice = __builtin_convertvector(part, WideRow) * 0x10001U;
+    Row parts[2];
+    std::memcpy(parts, &twice, sizeof parts);
+    const Row colors = reinterpret_cast<Row>(PixelRow{color, color, color, color});
+    for (std::size_t i = 0; i < 2; ++i) {
+        Row bytes;
+        std::memcpy(&bytes, pixels + i * sizeof bytes, sizeof bytes);
+        const Row low = (bytes << 8) + ((colors & 0xFF) - (bytes & 0xFF)) * parts[i] + 128;
+        const Row high = (bytes & 0xFF00) + ((colors >> 8) - (bytes >> 8)) * parts[i] + 128;
+        bytes = (low >> 8) | (high & 0xFF00);
+        std::memcpy(pixels + i * sizeof bytes, &bytes, sizeof bytes);
     }
 }
 
-/// What of a pixel stays clear of paint, in parts of FULL.
-std::uint16_t clear_part(std::uint16_t covered, std::uint16_t factor)
+/// An opaque colour as cairo makes it.
+std::uint32_t pixel_of(const Rgb& color)
 {
-    constexpr std::uint16_t LIMIT = FULL;
-    const std::uint16_t sane = covered < LIMIT ? covered : LIMIT;  // rounding may have summed up to a little more
-    return static_cast<std::uint16_t>(LIMIT - high_product(static_cast<std::uint16_t>(2 * sane), factor));
+    const auto channel = [](double value) { return static_cast<std::uint32_t>(std::clamp(value, 0.0, 1.0) * 65535.0 + 0.5) >> 8U; };
+    return 0xFF000000U | channel(color.r) << 16U | channel(color.g) << 8U | channel(color.b);
 }
 
-/// The opacities of a row, from how far area and line cover each pixel.
-void blend_row(std::uint8_t* __restrict opacity, const std::uint16_t* __restrict area, std::uint16_t area_factor,
-               const std::uint16_t* __restrict line, std::uint16_t line_factor, std::size_t count)
+}  // namespace
+
+/// How far what lies below some edges covers the pixels of a block.
+class CurveCoverage::Cells {
+public:
+    explicit Cells(int row_count) : m_bottom(static_cast<float>(row_count))
+    {
+        std::memset(m_rows, 0, (static_cast<std::size_t>(row_count) + END_ROWS) * sizeof(Row));
+    }
+
+    /// Adds what lies below an edge, whose y counts from the first row. A pixel that is covered wholly counts `covered`.
+    void add(const Edge& edge, float covered);
+    /// The levels of the next row.
+    void take_row(Row& levels, int row)
+    {
+        m_change += m_rows[row];
+        m_sum += m_change;
+        take_levels(levels, m_sum);
+    }
+
+private:
+    void add_cut(const Edge& edge, float covered);
+    void add_level(const Edge& edge, float covered);
+    void add_ramp(const Edge& edge, float covered);
+    std::uint16_t* cell(int row, int column) { return reinterpret_cast<std::uint16_t*>(m_rows) + row * COLUMNS + column; }
+
+    const float m_bottom;
+    Row m_change{};
+    Row m_sum{};
+    Row m_rows[BLOCK_ROWS + END_ROWS];
+};
+
+inline void CurveCoverage::Cells::add(const Edge& edge, float covered)
 {
-    constexpr std::uint16_t HALF_A_LEVEL = FULL / 255 / 2;
-    for (std::size_t x = 0; x < count; ++x) {
-        const auto clear_of_area = static_cast<std::uint16_t>(2 * clear_part(area[x], area_factor));
-        const auto clear_of_line = static_cast<std::uint16_t>(2 * clear_part(line[x], line_factor));
-        const auto covered = static_cast<std::uint16_t>(FULL + HALF_A_LEVEL - high_product(clear_of_area, clear_of_line));
-        opacity[x] = static_cast<std::uint8_t>(high_product(static_cast<std::uint16_t>(2 * covered), 2 * 255));
+    const float highest = std::min(edge.y_left, edge.y_right);
+    const float lowest = std::max(edge.y_left, edge.y_right);
+    if (highest >= m_bottom) {
+        return;
+    }
+    if (lowest <= 0 || std::abs(edge.slope) < LEVEL_SLOPE) {
+        add_level(edge, covered);
+    } else if (highest >= 0 && lowest <= m_bottom) {
+        add_ramp(edge, covered);
+    } else {
+        add_cut(edge, covered);
     }
 }
 
-// As std::max and std::min, but by value, and so for several numbers at once
-float higher(float a, float b)
+/// Adds an edge with a slope that leaves the rows upwards or downwards.
+void CurveCoverage::Cells::add_cut(const Edge& edge, float covered)
 {
-    return a > b ? a : b;
+    const bool goes_down = edge.slope > 0;
+    const auto x = [&](float y) { return std::clamp(edge.left + (y - edge.y_left) / edge.slope, edge.left, edge.right); };
+    const float x_top = x(0.0F);
+    const float x_bottom = x(m_bottom);
+    add_level(goes_down ? edge.between(edge.left, x_top) : edge.between(x_top, edge.right), covered);
+    const Edge inside = goes_down ? edge.between(x_top, x_bottom) : edge.between(x_bottom, x_top);
+    if (inside.left < inside.right) {
+        add_ramp(inside, covered);
+    }
 }
 
-float lower(float a, float b)
+/// As if the edge were level in each column.
+void CurveCoverage::Cells::add_level(const Edge& edge, float covered)
 {
-    return a < b ? a : b;
+    for (int column = static_cast<int>(edge.left); static_cast<float>(column) < edge.right; ++column) {
+        const float left = std::max(edge.left, static_cast<float>(column));
+        const float right = std::min(edge.right, static_cast<float>(column + 1));
+        const float y = std::clamp(edge.y((left + right) / 2), 0.0F, m_bottom);
+        const int row = static_cast<int>(y);
+        const float all_covered = (right - left) * covered;
+        const int all = static_cast<int>(std::lrint(all_covered));
+        const int below = static_cast<int>(all_covered * (y - static_cast<float>(row)));
+        std::uint16_t* const cells = cell(row, column);
+        cells[0] = static_cast<std::uint16_t>(cells[0] + all - below);
+        cells[COLUMNS] = static_cast<std::uint16_t>(cells[COLUMNS] + 2 * below - all);
+        cells[2 * COLUMNS] = static_cast<std::uint16_t>(cells[2 * COLUMNS] - below);
+    }
 }
 
-double sane_load(double value)
-{
-    return std::isnan(value) ? 0.0 : std::clamp(value, -HIGHEST_LOAD, HIGHEST_LOAD);
-}
+namespace {
 
-/// A line that is nowhere upright: its y at a given x.
-struct Line {
-    float at_origin = 0.0F;
-    float slope = 0.0F;
+/// What an end of an edge makes of three cells below each other.
+struct End {
+    int row;
+    int parts[END_ROWS];
 
-    float y(float x) const { return at_origin + slope * x; }
+    /// `gain` is how much more of each row is covered, from here on.
+    End(float y, int gain) : row(static_cast<int>(y))
+    {
+        const float above = y - static_cast<float>(row);
+        const float below = 1 - above;
+        const float half = static_cast<float>(gain) / 2;
+        parts[0] = static_cast<int>(half * below * below);
+        parts[2] = static_cast<int>(half * above * above);
+        parts[1] = gain - parts[0] - parts[2];
+    }
+    void add_to(std::uint16_t* cells) const
+    {
+        for (int i = 0; i < END_ROWS; ++i) {
+            cells[i * COLUMNS] = static_cast<std::uint16_t>(cells[i * COLUMNS] + parts[i]);
+        }
+    }
+    void take_from(std::uint16_t* cells) const
+    {
+        for (int i = 0; i < END_ROWS; ++i) {
+            cells[i * COLUMNS] = static_cast<std::uint16_t>(cells[i * COLUMNS] - parts[i]);
+        }
+    }
 };
 
 }  // namespace
 
-/// A convex part of the stroke: what lies below some lines and above others, from `left` to `right`.
-struct CurveCoverage::Piece {
-    static constexpr std::size_t MAX_LINES = 3;  // of either kind, for the stroke of a segment and for a join alike
+/// Adds an edge with a slope, all of it inside of the rows.
+void CurveCoverage::Cells::add_ramp(const Edge& edge, float covered)
+{
+    const int gain = static_cast<int>(std::lrint(covered / edge.slope));  // negative for an edge that goes up: it begins with its lower end
+    int column = static_cast<int>(edge.left);
+    const End begin(edge.y_left, gain);
+    begin.add_to(cell(begin.row, column));
+    for (; static_cast<float>(column + 1) < edge.right; ++column) {
+        const End crossing(edge.y(static_cast<float>(column + 1)), gain);
+        std::uint16_t* const cells = cell(crossing.row, column);
+        crossing.take_from(cells);
+        crossing.add_to(cells + 1);
+    }
+    const End end(edge.y_right, gain);
+    end.take_from(cell(end.row, column));
+}
 
-    float left;
-    float right;
-    Line above[MAX_LINES] = {{-FAR}, {-FAR}, {-FAR}};  // the piece is below these
-    Line below[MAX_LINES] = {{FAR}, {FAR}, {FAR}};
-    std::size_t count_above = 0;
-    std::size_t count_below = 0;
-
-    void limit(const Line& line, bool is_above)
-    {
-        if (is_above) {
-            above[count_above++] = line;
-        } else {
-            below[count_below++] = line;
+/// Takes the edges of the next block; blocks are gone through from left to right.
+void CurveCoverage::Edges::take(const CurveOutline::Chain& chain, int column)
+{
+    in_block.clear();
+    const auto origin = static_cast<float>(column);
+    const float end = origin + COLUMNS;
+    while (first + 1 < chain.size() && chain[first + 1].x <= origin) {
+        ++first;
+    }
+    for (std::size_t i = first; i + 1 < chain.size() && chain[i].x < end; ++i) {
+        const CurveOutline::Point& from = chain[i];
+        const CurveOutline::Point& to = chain[i + 1];
+        if (from.x < to.x) {
+            const Edge edge{from.x - origin, to.x - origin, from.y, to.y, (to.y - from.y) / (to.x - from.x)};
+            const bool is_inside = from.x >= origin && to.x <= end;
+            in_block.push_back(is_inside ? edge : edge.between(std::max(edge.left, 0.0F), std::min(edge.right, float{COLUMNS})));
         }
     }
-    Span at(float x, float height) const
-    {
-        const float top = higher(higher(above[0].y(x), above[1].y(x)), higher(above[2].y(x), 0.0F));
-        const float bottom = lower(lower(below[0].y(x), below[1].y(x)), lower(below[2].y(x), height));
-        return {static_cast<int>(lower(top, height) * SAMPLE_WEIGHT), static_cast<int>(higher(bottom, 0.0F) * SAMPLE_WEIGHT)};
-    }
-};
+}
 
-/// The stroke between two points. It goes to the right, so each of its two long sides is above or below it.
-struct CurveCoverage::Segment {
-    Point from;
-    Point to;
-    float dx;  // the direction, of length 1
-    float dy;
-    float half_width;
+/// The pixels of a block on the canvas, as far as they are painted.
+struct CurveCoverage::Pixels {
+    unsigned char* rows;  ///< of the chart, from its first one
+    std::ptrdiff_t stride;
+    std::size_t begin;  ///< bytes of a row that are not to be painted
+    std::size_t size;   ///< bytes that are
+    std::uint32_t color;
 
-    Segment(const Point& a, const Point& b, float half) : from(a), to(b), dx(b.x - a.x), dy(b.y - a.y), half_width(half)
+    void paint(int row, const Row& opacity) const
     {
-        const float length = std::sqrt(dx * dx + dy * dy);
-        dx /= length;
-        dy /= length;
-    }
-
-    bool is_flat() const { return std::abs(dy) < FLAT * dx; }
-    bool goes_down() const { return dy > 0; }
-    Line long_side(bool upper) const
-    {
-        const float slope = dy / dx;
-        return {from.y - slope * from.x + (upper ? -half_width : half_width) / dx, slope};
-    }
-    /// The line through one of its points at a right angle.
-    Line end(const Point& p) const { return {p.y + p.x * dx / dy, -dx / dy}; }
-
-    Piece piece() const
-    {
-        const float overhang = half_width * std::abs(dy);
-        Piece piece{.left = from.x - overhang, .right = to.x + overhang};
-        piece.limit(long_side(true), true);
-        piece.limit(long_side(false), false);
-        if (!is_flat()) {
-            piece.limit(end(from), goes_down());
-            piece.limit(end(to), !goes_down());
+        unsigned char* const pixels = rows + row * stride;
+        if (size == COLUMNS * BYTES) {
+            blend(pixels, opacity, color);
+            return;
         }
-        return piece;
-    }
-
-    /// What fills the gap on the outer side of the bend between two segments.
-    static Piece join(const Segment& a, const Segment& b)
-    {
-        const bool outside_is_above = a.dx * b.dy > a.dy * b.dx;
-        const float side = outside_is_above ? a.half_width : -a.half_width;
-        const Point& bend = a.to;
-        const Point corner_a{bend.x + a.dy * side, bend.y - a.dx * side};
-        const Point corner_b{bend.x + b.dy * side, bend.y - b.dx * side};
-        const float closeness = 1 + a.dx * b.dx + a.dy * b.dy;
-        const bool is_miter = closeness * MITER_LIMIT * MITER_LIMIT >= 2;
-        const float tip = is_miter ? bend.x + (a.dy + b.dy) * side / closeness : bend.x;
-        Piece piece{.left = std::min({bend.x, corner_a.x, corner_b.x, tip}), .right = std::max({bend.x, corner_a.x, corner_b.x, tip})};
-        if (is_miter) {
-            piece.limit(a.long_side(outside_is_above), outside_is_above);
-            piece.limit(b.long_side(outside_is_above), outside_is_above);
-        } else {
-            const float slope = (corner_b.y - corner_a.y) / (corner_b.x - corner_a.x);
-            piece.limit({corner_a.y - slope * corner_a.x, slope}, outside_is_above);
-        }
-        if (!a.is_flat()) {
-            piece.limit(a.end(bend), a.goes_down());
-        }
-        if (!b.is_flat()) {
-            piece.limit(b.end(bend), !b.goes_down());
-        }
-        return piece;
+        unsigned char copy[COLUMNS * BYTES] = {};
+        std::memcpy(copy + begin, pixels + begin, size);
+        blend(copy, opacity, color);
+        std::memcpy(pixels + begin, copy + begin, size);
     }
 };
 
@@ -185,186 +255,152 @@ CurveCoverage::~CurveCoverage()
     cairo_surface_destroy(m_mask);
 }
 
+void CurveCoverage::paint(const std::deque<double>& history, int capacity, const CurveLook& look, const Rgb& color,
+                          const CurveCanvas& canvas)
+{
+    const cairo_rectangle_int_t& chart = canvas.chart;
+    const cairo_rectangle_int_t& clip = canvas.clip;
+    m_part = {.left = std::max(clip.x - chart.x, 0),
+              .top = std::max(clip.y - chart.y, 0),
+              .right = std::min(clip.x + clip.width - chart.x, chart.width),
+              .bottom = std::min(clip.y + clip.height - chart.y, chart.height)};
+    if (history.size() < 2 || capacity < 2 || m_part.left >= m_part.right || m_part.top >= m_part.bottom || canvas.scale <= 0) {
+        return;
+    }
+    m_outline.take(history, capacity, chart.width, chart.height, look.line_width * canvas.scale);
+    if (m_outline.upper().empty()) {
+        return;
+    }
+    m_canvas = canvas;
+    m_color = pixel_of(color);
+    take_look(look, chart.height);
+    m_curve.first = m_upper.first = m_lower.first = 0;
+    const float begin = std::min(m_outline.upper().front().x, m_outline.lower().front().x);
+    const int left = std::max(m_part.left, static_cast<int>(begin));
+    for (int column = left / COLUMNS * COLUMNS; column < m_part.right; column += COLUMNS) {
+        paint_block(column);
+    }
+}
+
+void CurveCoverage::take_look(const CurveLook& look, int height)
+{
+    const auto sane = [](double alpha) { return std::clamp(alpha, 0.0, 1.0); };
+    constexpr double PARTS = 1 << 24;
+    const double top = sane(look.fill_alpha_top) * PARTS;
+    const double step = (sane(look.fill_alpha_bottom) * PARTS - top) / height;
+    m_area_alpha_top = static_cast<std::uint32_t>(std::lrint(top + step / 2));
+    m_area_alpha_step = static_cast<std::int32_t>(std::lrint(step));
+    m_line_covered = static_cast<float>(sane(look.line_alpha)) * COVERED;
+}
+
+/// In the middle of a row, in parts of 256.
+std::uint16_t CurveCoverage::area_alpha(int row) const
+{
+    constexpr std::uint32_t HALF = 1 << 15;
+    return static_cast<std::uint16_t>(
+        (m_area_alpha_top + static_cast<std::uint32_t>(row) * static_cast<std::uint32_t>(m_area_alpha_step) + HALF) >> 16U);
+}
+
+void CurveCoverage::paint_block(int column)
+{
+    m_upper.take(m_outline.upper(), column);
+    m_lower.take(m_outline.lower(), column);
+    m_curve.take(m_outline.curve(), column);
+    auto top = static_cast<float>(m_part.bottom);
+    float end = 0.0F;
+    for (const Edge& edge : m_upper.in_block) {
+        top = std::min(top, std::min(edge.y_left, edge.y_right));
+    }
+    for (const Edge& edge : m_lower.in_block) {
+        end = std::max(end, std::max(edge.y_left, edge.y_right));
+    }
+    const std::size_t left = static_cast<std::size_t>(std::max(m_part.left - column, 0));
+    const std::size_t right = static_cast<std::size_t>(std::min(m_part.right - column, COLUMNS));
+    const Pixels pixels{.rows = m_canvas.data + static_cast<std::ptrdiff_t>(m_canvas.chart.y) * m_canvas.stride +
+                                static_cast<std::ptrdiff_t>(m_canvas.chart.x + column) * static_cast<std::ptrdiff_t>(BYTES),
+                        .stride = m_canvas.stride,
+                        .begin = left * BYTES,
+                        .size = (right - left) * BYTES,
+                        .color = m_color};
+    const int first_row = static_cast<int>(std::max(top, 0.0F));
+    const int end_row = static_cast<int>(std::ceil(std::min(end, static_cast<float>(m_part.bottom))));
+    for (int row = first_row; row < end_row; row += BLOCK_ROWS) {
+        if (row + BLOCK_ROWS > m_part.top) {
+            paint_line(pixels, row, std::min(row + BLOCK_ROWS, end_row));
+        }
+    }
+    fill(pixels, column, std::max({first_row, end_row, m_part.top}));
+}
+
+/// Paints the rows in which the line is, and the area there.
+void CurveCoverage::paint_line(const Pixels& pixels, int top, int end)
+{
+    Cells area(end - top);
+    Cells line(end - top);
+    const auto shift = -static_cast<float>(top);
+    for (const Edge& edge : m_curve.in_block) {
+        area.add(edge.lower_by(shift), COVERED);
+    }
+    for (const Edge& edge : m_upper.in_block) {
+        line.add(edge.lower_by(shift), m_line_covered);
+    }
+    for (const Edge& edge : m_lower.in_block) {
+        line.add(edge.lower_by(shift), -m_line_covered);
+    }
+    for (int row = top; row < end; ++row) {
+        Row area_levels;
+        Row opacity;
+        area.take_row(area_levels, row - top);
+        line.take_row(opacity, row - top);
+        if (row >= m_part.top) {
+            lay_over(opacity, area_levels, area_alpha(row), opacity);
+            pixels.paint(row, opacity);
+        }
+    }
+}
+
+/// Fills the rows below the line.
+void CurveCoverage::fill(const Pixels& pixels, int column, int top)
+{
+    const float begin = m_outline.curve().front().x - static_cast<float>(column);
+    Row covered;
+    for (int i = 0; i < COLUMNS; ++i) {
+        covered[i] = static_cast<std::uint16_t>(std::lrint(std::clamp(static_cast<float>(i + 1) - begin, 0.0F, 1.0F) * OPAQUE));
+    }
+    for (int row = top; row < m_part.bottom; ++row) {
+        const Row opacity = (covered * area_alpha(row) + 128) >> 8;
+        pixels.paint(row, opacity);
+    }
+}
+
 cairo_surface_t* CurveCoverage::opacity(const std::deque<double>& history, int capacity, int w, int h, int scale, const CurveLook& look)
 {
     if (history.size() < 2 || capacity < 2 || w <= 0 || h <= 0 || scale <= 0) {
         return nullptr;
     }
-    prepare(w * scale, h * scale, scale);
-    place_points(history, capacity);
-    add_area();
-    add_line(static_cast<float>(look.line_width * scale / 2));
-    blend(look);
-    return m_mask;
-}
-
-void CurveCoverage::prepare(int width, int height, int scale)
-{
-    if (width == m_width && height == m_height && scale == m_mask_scale) {
-        cairo_surface_flush(m_mask);
-        return;
+    const int width = w * scale;
+    const int height = h * scale;
+    if (m_mask == nullptr || cairo_image_surface_get_width(m_mask) != width || cairo_image_surface_get_height(m_mask) != height) {
+        cairo_surface_destroy(m_mask);
+        m_mask = cairo_image_surface_create(CAIRO_FORMAT_A8, width, height);
     }
-    m_width = width;
-    m_height = height;
-    m_mask_scale = scale;
-    m_stride = (static_cast<std::size_t>(width) + ROW_UNIT - 1) / ROW_UNIT * ROW_UNIT;
-    const auto fit = [](auto& buffer, std::size_t size) {
-        if (buffer.size() < size) {
-            buffer.resize(size);
-        }
-    };
-    const std::size_t cells = m_stride * static_cast<std::size_t>(height);
-    fit(m_area, cells);
-    fit(m_line, cells + 2 * m_stride);  // a span may end at the bottom, half of a cell further
-    fit(m_area_sums, m_stride);
-    fit(m_line_sums, m_stride);
-    fit(m_opacity, cells);
-    fit(m_spans, static_cast<std::size_t>(width) * SAMPLES);
-    cairo_surface_destroy(m_mask);
-    m_mask = cairo_image_surface_create_for_data(m_opacity.data(), CAIRO_FORMAT_A8, width, height, static_cast<int>(m_stride));
     cairo_surface_set_device_scale(m_mask, scale, scale);
-}
-
-void CurveCoverage::place_points(const std::deque<double>& history, int capacity)
-{
-    const double step = static_cast<double>(m_width) / (capacity - 1);
-    double steps_to_end = static_cast<double>(history.size());
-    m_points.clear();
-    for (const double value : history) {
-        --steps_to_end;
-        m_points.push_back({static_cast<float>(m_width - steps_to_end * step), static_cast<float>((1.0 - sane_load(value)) * m_height)});
-    }
-}
-
-void CurveCoverage::add_area()
-{
-    for (std::size_t i = 1; i < m_points.size(); ++i) {
-        const Point& from = m_points[i - 1];
-        const Point& to = m_points[i];
-        const float slope = (to.y - from.y) / (to.x - from.x);
-        const int last = std::min(static_cast<int>(to.x), m_width - 1);
-        for (int column = std::max(static_cast<int>(from.x), 0); column <= last; ++column) {
-            const float left = std::max(from.x, static_cast<float>(column));
-            const float right = std::min(to.x, static_cast<float>(column + 1));
-            const float y1 = from.y + (left - from.x) * slope;
-            const float y2 = from.y + (right - from.x) * slope;
-            if (left < right) {
-                add_area_in_column(column, right - left, std::min(y1, y2), std::max(y1, y2));
-            }
+    m_mask_pixels.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), 0);
+    paint(history, capacity, look, {1, 1, 1},
+          {.data = reinterpret_cast<unsigned char*>(m_mask_pixels.data()),
+           .stride = width * static_cast<int>(BYTES),
+           .chart = {0, 0, width, height},
+           .clip = {0, 0, width, height},
+           .scale = scale});
+    cairo_surface_flush(m_mask);
+    for (int y = 0; y < height; ++y) {
+        unsigned char* const row =
+            cairo_image_surface_get_data(m_mask) + static_cast<std::ptrdiff_t>(y) * cairo_image_surface_get_stride(m_mask);
+        for (int x = 0; x < width; ++x) {
+            row[x] = static_cast<unsigned char>(
+                m_mask_pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)] >> 24U);
         }
     }
-}
-
-/// Adds what lies under a piece of the curve which goes, up or down, between those two heights.
-void CurveCoverage::add_area_in_column(int column, float width, float top, float bottom)
-{
-    const auto covered_above = [=](float y) {  // how much of the strip, as wide as the piece, is covered down to there
-        if (y <= top) {
-            return 0.0F;
-        }
-        return y < bottom ? (y - top) * (y - top) / (2 * (bottom - top)) : y - (top + bottom) / 2;
-    };
-    const float weight = width * FULL;
-    int before = 0;
-    int row = std::max(static_cast<int>(std::floor(std::min(top, static_cast<float>(m_height)))), 0);
-    float down_to_here = covered_above(static_cast<float>(row));
-    std::uint16_t* cell = m_area.data() + static_cast<std::size_t>(row) * m_stride + column;
-    for (; row < m_height; ++row, cell += m_stride) {
-        const float down_to_next = covered_above(static_cast<float>(row + 1));
-        const int covered = static_cast<int>((down_to_next - down_to_here) * weight + ROUND);
-        *cell = static_cast<std::uint16_t>(*cell + covered - before);
-        if (static_cast<float>(row) >= bottom) {
-            return;
-        }
-        before = covered;
-        down_to_here = down_to_next;
-    }
-}
-
-void CurveCoverage::add_line(float half_width)
-{
-    Segment last(m_points[0], m_points[1], half_width);
-    add_piece(last.piece());
-    for (std::size_t i = 2; i < m_points.size(); ++i) {
-        const Segment next(m_points[i - 1], m_points[i], half_width);
-        add_piece(next.piece());
-        if (!(last.is_flat() && next.is_flat())) {
-            add_piece(Segment::join(last, next));  // after both: with them it has no more than edges in common, while they overlap
-        }
-        last = next;
-    }
-    const std::size_t samples = static_cast<std::size_t>(m_width) * SAMPLES;
-    for (std::size_t sample = 0; sample < samples; ++sample) {
-        add_span(sample, m_spans[sample]);
-        m_spans[sample] = {};
-    }
-}
-
-/// Unites a piece with what is already there. Pieces that follow each other touch, so one span for each column is enough to remember.
-void CurveCoverage::add_piece(const Piece& piece)
-{
-    const auto first_sample_after = [this](float x) {
-        return static_cast<int>(std::ceil(std::clamp(x, 0.0F, static_cast<float>(m_width)) * SAMPLES - 0.5F));
-    };
-    const int end = first_sample_after(piece.right);
-    const auto height = static_cast<float>(m_height);
-    for (int first = first_sample_after(piece.left); first < end; first += BATCH) {
-        int tops[BATCH];
-        int bottoms[BATCH];
-        for (int i = 0; i < BATCH; ++i) {
-            const Span span = piece.at((static_cast<float>(first + i) + 0.5F) / SAMPLES, height);
-            tops[i] = span.top;
-            bottoms[i] = span.bottom;
-        }
-        const int count = std::min(end - first, BATCH);
-        for (int i = 0; i < count; ++i) {
-            if (tops[i] < bottoms[i]) {
-                unite(static_cast<std::size_t>(first) + static_cast<std::size_t>(i), {tops[i], bottoms[i]});
-            }
-        }
-    }
-}
-
-void CurveCoverage::unite(std::size_t sample, const Span& span)
-{
-    Span& known = m_spans[sample];
-    if (span.top <= known.bottom + TOUCHING && known.top <= span.bottom + TOUCHING) {
-        known = {std::min(span.top, known.top), std::max(span.bottom, known.bottom)};
-    } else {
-        add_span(sample, known);
-        known = span;
-    }
-}
-
-void CurveCoverage::add_span(std::size_t sample, const Span& span)
-{
-    std::uint16_t* const column = &m_line[sample / SAMPLES];
-    const auto change = [&](int y, int sign) {  // from there on more is covered, or less
-        std::uint16_t* const cell = column + static_cast<unsigned>(y) / SAMPLE_WEIGHT * m_stride;
-        const int in_next = y % SAMPLE_WEIGHT;
-        cell[0] = static_cast<std::uint16_t>(cell[0] + sign * (SAMPLE_WEIGHT - in_next));
-        cell[m_stride] = static_cast<std::uint16_t>(cell[m_stride] + sign * in_next);
-    };
-    if (span.top < span.bottom) {
-        change(span.top, 1);
-        change(span.bottom, -1);
-    }
-}
-
-/// Sums up each column downwards, clears the cells, and lays the line over the area.
-void CurveCoverage::blend(const CurveLook& look)
-{
-    std::fill_n(m_area_sums.begin(), m_stride, 0);
-    std::fill_n(m_line_sums.begin(), m_stride, 0);
-    const std::uint16_t line_factor = factor(look.line_alpha);
-    for (int row = 0; row < m_height; ++row) {
-        const std::size_t start = static_cast<std::size_t>(row) * m_stride;
-        const double depth = (row + 0.5) / m_height;
-        const std::uint16_t area_factor = factor(look.fill_alpha_top + (look.fill_alpha_bottom - look.fill_alpha_top) * depth);
-        add_row(&m_area_sums[0], &m_area[start], m_stride);
-        add_row(&m_line_sums[0], &m_line[start], m_stride);
-        blend_row(&m_opacity[start], &m_area_sums[0], area_factor, &m_line_sums[0], line_factor, m_stride);
-    }
-    std::fill_n(m_line.begin() + static_cast<std::ptrdiff_t>(m_stride) * m_height, 2 * m_stride, 0);
     cairo_surface_mark_dirty(m_mask);
+    return m_mask;
 }

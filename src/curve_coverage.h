@@ -1,4 +1,4 @@
-/// How far the curve of a chart and the area under it cover each pixel.
+/// Paints the curve of a chart and the area under it onto an image in memory.
 #pragma once
 
 #include <cairo.h>
@@ -7,17 +7,29 @@
 #include <deque>
 #include <vector>
 
+#include "curve_outline.h"
+#include "theme.h"
+
 /// How a curve is to look. Line and area are of the same colour, so that one opacity for each pixel tells all.
 struct CurveLook {
-    double line_width = 0.0;
+    double line_width = 0.0;  ///< in units of the chart
     double line_alpha = 0.0;
     double fill_alpha_top = 0.0;  ///< of the area at the top of the chart; from there it changes evenly down to the bottom
     double fill_alpha_bottom = 0.0;
 };
 
-/// A rasteriser for nothing but curves that go from left to right in even steps, which is why it takes a small part of the time of
-/// cairo's general one. The area is exact. The line, with miter joins and butt ends as cairo has them, is exact downwards and sampled
-/// across. An object keeps its buffers: one for many charts allocates for the largest alone.
+/// The part of an image onto which a curve is painted. All numbers are pixels of the image.
+struct CurveCanvas {
+    unsigned char* data = nullptr;  ///< as of cairo's images of the formats ARGB32 and RGB24
+    int stride = 0;                 ///< bytes from row to row
+    cairo_rectangle_int_t chart{};  ///< where the chart is; parts of it may lie outside of the image
+    cairo_rectangle_int_t clip{};   ///< inside the image; nothing else is read or written
+    int scale = 1;                  ///< pixels of the image to a unit of the chart
+};
+
+/// A rasteriser for nothing but curves that go from left to right, which is why it takes a small part of the time of cairo's general one.
+/// What it paints is what cairo would, but for the rounding of either; cairo counts in 15 rows to a pixel, this one is nearly exact.
+/// It needs no more memory for a large chart than for a small one.
 class CurveCoverage {
 public:
     CurveCoverage() = default;
@@ -25,47 +37,60 @@ public:
     CurveCoverage(const CurveCoverage&) = delete;
     CurveCoverage& operator=(const CurveCoverage&) = delete;
 
-    /// The opacity of each pixel of a chart of `w` by `h` units, a unit being `scale` by `scale` pixels. `history` holds loads, oldest
-    /// first, and spans the chart if it has `capacity` of them; a shorter one ends at the right edge. Any values and sizes will do.
-    /// The mask is borrowed until the next call; null if there is nothing to see.
+    /// Paints a history of loads, oldest first. It spans the chart if it has `capacity` of them; a shorter one ends at the right edge. Any
+    /// values and sizes will do; with fewer than two values there is nothing to see.
+    void paint(const std::deque<double>& history, int capacity, const CurveLook& look, const Rgb& color, const CurveCanvas& canvas);
+
+    /// The opacity of each pixel of a chart of `w` by `h` units, a unit being `scale` by `scale` pixels. The mask is borrowed until the
+    /// next call; null if there is nothing to see.
     cairo_surface_t* opacity(const std::deque<double>& history, int capacity, int w, int h, int scale, const CurveLook& look);
 
 private:
-    /// A place in pixels.
-    struct Point {
-        float x = 0.0F;
-        float y = 0.0F;
+    /// A straight part of a chain inside of a block, x from the left side of that.
+    struct Edge {
+        float left;
+        float right;
+        float y_left;
+        float y_right;
+        float slope;
+
+        float y(float x) const { return y_left + (x - left) * slope; }
+        Edge between(float new_left, float new_right) const { return {new_left, new_right, y(new_left), y(new_right), slope}; }
+        Edge lower_by(float rows) const { return {left, right, y_left + rows, y_right + rows, slope}; }
     };
-    /// What a part of the line covers of one column of samples, in small parts of a pixel; empty at first.
-    struct Span {
-        int top = 0;
-        int bottom = 0;
+    /// A chain, and what of it is in the block at hand.
+    struct Edges {
+        std::size_t first = 0;  ///< point of the chain to begin at
+        std::vector<Edge> in_block;
+
+        void take(const CurveOutline::Chain& chain, int column);
     };
-    struct Segment;
-    struct Piece;
+    /// What is painted of a chart, in its pixels.
+    struct Part {
+        int left;
+        int top;
+        int right;
+        int bottom;
+    };
+    class Cells;
+    struct Pixels;
 
-    void prepare(int width, int height, int scale);
-    void place_points(const std::deque<double>& history, int capacity);
-    void add_area();
-    void add_area_in_column(int column, float width, float top, float bottom);
-    void add_line(float half_width);
-    void add_piece(const Piece& piece);
-    void unite(std::size_t sample, const Span& span);
-    void add_span(std::size_t sample, const Span& span);
-    void blend(const CurveLook& look);
+    void take_look(const CurveLook& look, int height);
+    void paint_block(int column);
+    void paint_line(const Pixels& pixels, int top, int end);
+    void fill(const Pixels& pixels, int column, int top);
+    std::uint16_t area_alpha(int row) const;
 
-    int m_width = 0;  ///< of the chart, in pixels
-    int m_height = 0;
-    std::size_t m_stride = 0;  ///< from row to row in all buffers
-
-    std::vector<Point> m_points;
-    std::vector<Span> m_spans;  ///< what is known of each column of samples and not yet added up
-    /// Each cell tells how much more is covered of its pixel than of the one above. All cells are 0 between two charts.
-    std::vector<std::uint16_t> m_area;
-    std::vector<std::uint16_t> m_line;
-    std::vector<std::uint16_t> m_area_sums;  ///< of one row, while going down
-    std::vector<std::uint16_t> m_line_sums;
-    std::vector<std::uint8_t> m_opacity;
-    cairo_surface_t* m_mask = nullptr;  ///< on the bytes of m_opacity
-    int m_mask_scale = 0;
+    CurveOutline m_outline;
+    Edges m_curve;
+    Edges m_upper;
+    Edges m_lower;
+    CurveCanvas m_canvas;
+    Part m_part{};
+    std::uint32_t m_color = 0;
+    float m_line_covered = 0.0F;         ///< a pixel that the line covers wholly, in the units of the line's cells
+    std::uint32_t m_area_alpha_top = 0;  ///< in the first row, in parts of 2^24
+    std::int32_t m_area_alpha_step = 0;  ///< from row to row
+    std::vector<std::uint32_t> m_mask_pixels;
+    cairo_surface_t* m_mask = nullptr;
 };
