@@ -151,6 +151,12 @@ TEST_F(Card, ChartIsPaintedByTheApp)
     EXPECT_TRUE(is_connected(data_of(card.widget, "chart"), "draw", G_CALLBACK(App::draw_chart), static_cast<App*>(&app)));
 }
 
+TEST_F(Card, ChartHasNoWindowOfItsOwn)
+{
+    const Owned card(app.create_core_card(0, 0));
+    EXPECT_FALSE(gtk_widget_get_has_window(data_of(card.widget, "chart")));
+}
+
 #ifndef THREAD_SANITIZED
 
 TEST_F(Card, ChartTakesItsMetaAlong)

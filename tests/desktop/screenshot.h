@@ -11,11 +11,7 @@
 /// The pixels of a widget as they stand in its window on the X server.
 struct Screenshot {
     GdkPixbuf* const pixels;
-    explicit Screenshot(GtkWidget* widget)
-        : pixels(gdk_pixbuf_get_from_window(gtk_widget_get_window(widget), 0, 0, gtk_widget_get_allocated_width(widget),
-                                            gtk_widget_get_allocated_height(widget)))
-    {
-    }
+    explicit Screenshot(GtkWidget* widget) : Screenshot(widget, place_in_window(widget)) {}
     ~Screenshot() { g_object_unref(pixels); }
     Screenshot(const Screenshot&) = delete;
     Screenshot& operator=(const Screenshot&) = delete;
@@ -25,6 +21,23 @@ struct Screenshot {
         const guchar* const p =
             gdk_pixbuf_read_pixels(pixels) + y * gdk_pixbuf_get_rowstride(pixels) + x * gdk_pixbuf_get_n_channels(pixels);
         return {p[0], p[1], p[2]};
+    }
+
+private:
+    Screenshot(GtkWidget* widget, const GtkAllocation& place)
+        : pixels(gdk_pixbuf_get_from_window(gtk_widget_get_window(widget), place.x, place.y, place.width, place.height))
+    {
+    }
+
+    /// A widget without a window of its own lies somewhere in its parent's.
+    static GtkAllocation place_in_window(GtkWidget* widget)
+    {
+        GtkAllocation place;
+        gtk_widget_get_allocation(widget, &place);
+        if (gtk_widget_get_has_window(widget)) {
+            place.x = place.y = 0;
+        }
+        return place;
     }
 };
 
