@@ -8,6 +8,7 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <gnu/lib-names.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -141,9 +142,26 @@ void limit_time(int sig)
 
 // --- the report ---
 
+/// Whether the report may replace that file: one that the user has made, and that has no other name.
+bool is_own_file(const struct stat& file)
+{
+    return S_ISREG(file.st_mode) && file.st_uid == geteuid() && file.st_nlink <= 1;
+}
+
+/// Opens the report for writing; -1 if that is not possible. Everybody can put something in its place where the folder is /tmp: so it is
+/// emptied only after a look at what has been opened, and neither a link is followed nor a reader waited for.
 int open_report(const PathText& path)
 {
-    return open(path.data(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, REPORT_MODE);
+    const int report = open(path.data(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, REPORT_MODE);
+    if (report < 0) {
+        return -1;
+    }
+    struct stat file = {};
+    if (fstat(report, &file) != 0 || !is_own_file(file) || ftruncate(report, 0) != 0) {
+        close(report);
+        return -1;
+    }
+    return report;
 }
 
 void write_text(int report, std::string_view text)

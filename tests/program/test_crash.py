@@ -152,6 +152,61 @@ def test_without_a_report_the_program_ends_at_once_and_has_no_child(name: str, l
     assert not any(scene.runtime.iterdir())  # also no report under half its name
 
 
+def state_of_files(scene: CrashScene) -> dict[str, tuple[int, ...]]:
+    """What stands in the report's place and beside it, and whether it is changed."""
+    files = {file.name: file.lstat() for place in (scene.runtime, scene.folder / "elsewhere") for file in place.iterdir()}
+    return {name: (state.st_mode, state.st_ino, state.st_size, state.st_mtime_ns) for name, state in files.items()}
+
+
+def file_elsewhere(scene: CrashScene) -> Path:
+    file = scene.folder / "elsewhere" / "file"
+    file.write_text("precious")
+    return file
+
+
+def put_link(scene: CrashScene) -> None:
+    scene.report_path.symlink_to(file_elsewhere(scene))
+
+
+def put_second_name(scene: CrashScene) -> None:
+    scene.report_path.hardlink_to(file_elsewhere(scene))
+
+
+def put_file_of_another_user(scene: CrashScene) -> None:
+    if os.geteuid() != 0:
+        pytest.skip("only root can make a file of another user")
+    scene.report_path.write_text("precious")
+    os.chown(scene.report_path, 65534, 65534)
+    scene.report_path.chmod(0o666)
+
+
+@pytest.mark.parametrize("put", [
+    put_link, put_second_name, put_file_of_another_user,
+    lambda scene: scene.report_path.symlink_to(scene.folder / "elsewhere" / "missing"),
+    lambda scene: scene.report_path.mkdir(),
+    lambda scene: os.mkfifo(scene.report_path),
+], ids=["link", "second name", "another user's file", "link to nothing", "folder", "fifo"])
+def test_what_is_not_its_own_file_is_left_alone(put: Callable[[CrashScene], None], scene: CrashScene) -> None:
+    (scene.folder / "elsewhere").mkdir()
+    put(scene)
+    before = state_of_files(scene)
+    crash = scene.start(**GERMAN)
+    assert crash.wait_for_all() == []
+    assert (crash.wait(), crash.complaints()) == (-signal.SIGSEGV, "")
+    assert scene.calls()[-2:] == [f"open {scene.report_path}", "raise 11"]
+    assert state_of_files(scene) == before
+
+
+def test_fifo_with_a_reader_gets_nothing(scene: CrashScene) -> None:
+    os.mkfifo(scene.report_path)
+    reader = os.open(scene.report_path, os.O_RDONLY | os.O_NONBLOCK)
+    try:
+        assert scene.crash().wait() == -signal.SIGSEGV
+        assert os.read(reader, 1) == b""
+    finally:
+        os.close(reader)
+
+
 # --- the steps of the handler ---
 
 def test_handler_is_installed_first_for_six_signals(scene: CrashScene) -> None:
