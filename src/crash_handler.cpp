@@ -278,9 +278,20 @@ void accept_signals()
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+/// Keeps bash's complaint about a script that it refuses off the user's terminal.
+void hide_complaints()
+{
+    const int nowhere = open("/dev/null", O_WRONLY);
+    if (nowhere >= 0 && nowhere != STDERR_FILENO) {
+        dup2(nowhere, STDERR_FILENO);
+        close(nowhere);
+    }
+}
+
 [[noreturn]] void run_dialogue(const PathText& path, int sig, const TimeText& time, const DisplayVariables& display)
 {
     accept_signals();
+    hide_complaints();
     for (const auto& [name, value] : display) {
         if (value != nullptr) {
             setenv(name, value, 1);

@@ -334,8 +334,7 @@ def test_child_keeps_nothing_of_the_program_open(scene: CrashScene) -> None:
     dialogue = WaitingDialogue(scene)
     scene.start(**GERMAN)
     opened = open_files(script_of(dialogue.wait()))
-    assert {file for file in opened if not file.startswith("pipe:")} == {
-        "/dev/null", str(scene.folder / "out"), str(scene.folder / "err")}
+    assert {file for file in opened if not file.startswith("pipe:")} == {"/dev/null", str(scene.folder / "out")}
 
 
 def test_child_hands_on_the_environment(scene: CrashScene) -> None:
@@ -430,7 +429,7 @@ def test_english_script_is_refused_by_bash(scene: CrashScene) -> None:
     crash = scene.start(LANG="en_US.UTF-8")
     (status,) = crash.wait_for_all()
     assert status in (2, 127)  # which of them depends on bash's version
-    assert re.fullmatch(r"bash: -c: line \d+: syntax error .*\n(bash: -c: line \d+: .*\n)*", crash.complaints())
+    assert crash.complaints() == ""
     assert scene.report()
     assert (scene.mail(), (scene.folder / "shown").exists()) == (None, False)
 
