@@ -5,9 +5,7 @@
 #include "crash_handler.h"
 
 #include <dlfcn.h>
-#include <execinfo.h>
 #include <fcntl.h>
-#include <gnu/lib-names.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
@@ -25,6 +23,13 @@
 #include <string_view>
 
 #include "build_config.h"
+
+#ifdef HAVE_BACKTRACE
+#include <execinfo.h>
+#endif
+#ifdef __GLIBC__
+#include <gnu/lib-names.h>
+#endif
 
 namespace {
 
@@ -206,9 +211,13 @@ void write_heading(int report, int sig, const TimeText& time)
 
 void write_frames(int report)
 {
+#ifdef HAVE_BACKTRACE
     void* frames[MAX_FRAMES];
     const int count = backtrace(frames, MAX_FRAMES);
     backtrace_symbols_fd(frames, count, report);
+#else
+    write_text(report, "(none: this C library has no backtrace)\n");
+#endif
 }
 
 void write_report(int report, int sig, const TimeText& time)
@@ -342,8 +351,10 @@ void crashHandler(int sig)
 /// Does beforehand what takes memory when it happens for the first time.
 void prepare()
 {
-    tzset();                         // loads the time zone
+    tzset();  // loads the time zone
+#ifdef __GLIBC__
     dlopen(LIBGCC_S_SO, RTLD_LAZY);  // as backtrace() does; the program has it loaded, but its first opening takes memory all the same
+#endif
 }
 
 }  // namespace
