@@ -26,6 +26,7 @@ def test_names_of_cpus_are_shortened_as_the_readme_says(x11: XDisplay, machines:
     assert len(told) == 2
     whole = re.search(r'Names that begin otherwise, such as "([^"]+) …", stay whole', README)
     assert whole
+    assert any(f'"model": "{name}"' in (ROOT / "tools/screenshots").read_text() for name in told), "the pictures show no such name"
     told[whole[1]] = whole[1]
     running = {}
     for name in told:
