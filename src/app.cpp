@@ -30,7 +30,7 @@ void signal_handler(int sig)
         return;
     }
     const int error = errno;  // of whatever the signal has interrupted
-    if (g_app_instance != nullptr) {
+    if (g_app_instance != nullptr && !g_app_instance->is_window_closed()) {
         const WindowRect rect = WindowRect::of(g_app_instance->window());
         WindowManager::instance().save(rect.x, rect.y, rect.width, rect.height, g_app_instance->num_columns(),
                                        g_app_instance->is_horizontal());
@@ -72,6 +72,13 @@ void begin_to_read_fonts()
     pango_cairo_font_map_get_default();
 }
 
+/// Where accessibility finds no session bus it starts one, which lives on with all that it starts.
+void init_gtk(int argc, char** argv)
+{
+    const SignalGate::ForNewPrograms gate;
+    gtk_init(&argc, &argv);
+}
+
 }  // namespace
 
 App::App() : m_cpu_reader(std::make_unique<CPUReader>()), m_sys_metrics(std::make_unique<SystemMetrics>()) {}
@@ -101,7 +108,7 @@ int App::run(int argc, char** argv)
     std::signal(SIGTERM, signal_handler);
     SignalGate::close();
     begin_to_read_fonts();
-    gtk_init(&argc, &argv);
+    init_gtk(argc, argv);
     SettingsStore::instance().load();
     I18n::instance().set_language(SettingsStore::instance().get().language);
     apply_text_direction();

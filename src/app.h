@@ -56,6 +56,8 @@ public:
     int run(int argc, char** argv);
 
     GtkWidget* window() const { return m_window; }
+    /// From then on there is no size to be saved, though GTK may still wait for a clipboard manager. False as long as there is no window yet.
+    bool is_window_closed() const { return m_is_window_closed; }
     int num_columns() const { return m_num_columns; }
     bool is_horizontal() const { return m_horizontal; }
 
@@ -263,7 +265,8 @@ private:
     void queue_apply_theme();
     /// Whether the theme in the settings is dark at this moment; "auto" and unknown words ask the desktop.
     bool resolve_dark() const;
-    /// Asks the XDG desktop portal for the colour scheme, at most half a second, else GTK's own settings. Blocks meanwhile.
+    /// Asks the XDG desktop portal for the colour scheme, else GTK's own settings. Blocks meanwhile: for at most half a second each until there
+    /// is a connection to the session bus, and until the portal has answered. Once the bus has taken longer it counts as missing.
     static bool system_prefers_dark();
     /// Follows the portal's changes from now on.
     void watch_system_theme();
@@ -337,6 +340,7 @@ private:
     std::int32_t m_pending_move_y = 0;
     std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
     std::int32_t m_last_window_w = 0;
+    bool m_is_window_closed = false;
     bool m_painting = false;  ///< inside draw_window()
     bool m_dark = false;      ///< the resolved theme; written by apply_theme() alone
     guint m_portal_sub = 0;   ///< subscription to the portal's signal; 0 if there is none

@@ -123,7 +123,9 @@ gboolean App::on_delete(GtkWidget*, GdkEvent*, gpointer data)
 
 void App::on_destroy(GtkWidget*, gpointer data)
 {
-    static_cast<App*>(data)->m_window = nullptr;
+    App& app = *static_cast<App*>(data);
+    app.m_window = nullptr;
+    app.m_is_window_closed = true;
 }
 
 /// Where the window is, except on Wayland: there the stored position stays, since nobody can tell a newer one.

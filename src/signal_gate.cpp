@@ -23,10 +23,11 @@ sigset_t gated_signals()
 sigset_t g_open_mask;                            // the main thread's signal mask without the gate
 const pthread_t g_main_thread = pthread_self();  // which also initialises the globals
 
-/// Lets both signals through, at once if one has been waiting.
-void open()
+/// Delivers what has been waiting.
+void open_for_an_instant()
 {
     pthread_sigmask(SIG_SETMASK, &g_open_mask, nullptr);
+    SignalGate::close();
 }
 
 timespec from_milliseconds(gint ms)
@@ -44,17 +45,50 @@ gint poll_with_gate_open(GPollFD* fds, guint count, gint timeout_ms)
     const timespec timeout = from_milliseconds(timeout_ms);
     const gint ready = ppoll(reinterpret_cast<pollfd*>(fds), count, timeout_ms < 0 ? nullptr : &timeout, &g_open_mask);
     const int error = errno;
-    open();
-    SignalGate::close();
+    open_for_an_instant();
     errno = error;  // GLib looks at it
     return ready;
+}
+
+/// What a main context polls with unless somebody has put another function in place.
+GPollFunc usual_poll_function()
+{
+    g_autoptr(GMainContext) fresh = g_main_context_new();
+    return g_main_context_get_poll_func(fresh);
+}
+
+/// "prepare" of a source that is never ready. The poll function that is about to be called may be a library's, which keeps the gate shut: the
+/// main loop waits with it until the next tick at the latest, and comes by here again.
+gboolean deliver_before_foreign_poll(GSource*, gint* timeout_ms)
+{
+    if (g_main_context_get_poll_func(nullptr) != poll_with_gate_open) {
+        open_for_an_instant();
+    }
+    *timeout_ms = -1;
+    return FALSE;
+}
+
+/// Adds that source to the main context, once, and in front of all others: of those behind one that is ready nobody asks.
+void watch_poll_function()
+{
+    static GSourceFuncs functions = {.prepare = deliver_before_foreign_poll};
+    static GSource* source = nullptr;
+    if (source == nullptr) {
+        source = g_source_new(&functions, sizeof(GSource));
+        g_source_set_priority(source, G_MININT);
+        g_source_attach(source, nullptr);
+    }
 }
 
 volatile std::sig_atomic_t g_interrupted = 0;  // came while a program was being started
 volatile std::sig_atomic_t g_terminated = 0;
 
+/// Only the main thread takes the note: one taken by another could come after it was looked for.
 void note_signal(int sig)
 {
+    if (SignalGate::pass_to_main_thread(sig)) {
+        return;
+    }
     (sig == SIGINT ? g_interrupted : g_terminated) = 1;
 }
 
@@ -71,8 +105,11 @@ void SignalGate::open_for_main_loop()
     pthread_sigmask(SIG_BLOCK, nullptr, &g_open_mask);
     sigdelset(&g_open_mask, SIGINT);
     sigdelset(&g_open_mask, SIGTERM);
-    g_main_context_set_poll_func(nullptr, poll_with_gate_open);
-    open();
+    if (g_main_context_get_poll_func(nullptr) == usual_poll_function()) {
+        g_main_context_set_poll_func(nullptr, poll_with_gate_open);
+    }
+    watch_poll_function();
+    open_for_an_instant();
 }
 
 bool SignalGate::pass_to_main_thread(int sig)
@@ -89,12 +126,12 @@ SignalGate::ForNewPrograms::ForNewPrograms()
     sigaction(SIGINT, &note, &m_interrupt_action);
     sigaction(SIGTERM, &note, &m_terminate_action);
     const sigset_t set = gated_signals();
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    pthread_sigmask(SIG_UNBLOCK, &set, &m_mask);
 }
 
 SignalGate::ForNewPrograms::~ForNewPrograms()
 {
-    close();
+    pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
     sigaction(SIGINT, &m_interrupt_action, nullptr);
     sigaction(SIGTERM, &m_terminate_action, nullptr);
     if (std::exchange(g_interrupted, 0) != 0) {

@@ -795,6 +795,85 @@ TEST_F(Signals, SigintAfterARefusedOneEndsTheMainLoop)
     Messages::instance().take();
 }
 
+TEST_F(Signals, SigtermEndsTheMainLoopThoughALibraryPollsByItself)
+{
+    App app;
+    const auto poll_and_signal = [] {
+        g_main_context_set_poll_func(nullptr, g_poll);
+        kill(getpid(), SIGTERM);
+    };
+    EXPECT_EQ(run_app(app, poll_and_signal, End::BY_ITSELF), 0);
+}
+
+std::string saved_geometry(const TemporaryHome& home)
+{
+    return read_text(home.config() + "/geometry.json");
+}
+
+/// A clipboard manager, on a connection of its own: is asked to keep what a program leaves behind, sends SIGTERM then, and answers when the
+/// main loop that waits for it has taken the signal.
+class SlowClipboardManager {
+public:
+    SlowClipboardManager()
+    {
+        gtk_widget_realize(m_owner);
+        g_signal_connect(m_owner, "selection-request-event", G_CALLBACK(on_request), this);
+        gtk_selection_owner_set_for_display(m_display, m_owner, gdk_atom_intern("CLIPBOARD_MANAGER", FALSE), GDK_CURRENT_TIME);
+        gdk_display_sync(m_display);
+    }
+
+    bool was_asked() const { return m_was_asked; }
+
+private:
+    static gboolean on_request(GtkWidget*, GdkEventSelection* event, gpointer data)
+    {
+        auto& manager = *static_cast<SlowClipboardManager*>(data);
+        manager.m_request = *event;
+        manager.m_was_asked = true;
+        std::raise(SIGTERM);  // delivered by the poll that follows
+        g_timeout_add(10, answer, data);
+        return GDK_EVENT_STOP;
+    }
+
+    static gboolean answer(gpointer data)
+    {
+        const auto& [display, owner, request, was_asked] = *static_cast<SlowClipboardManager*>(data);
+        gdk_selection_send_notify_for_display(display, request.requestor, request.selection, request.target, request.property,
+                                              request.time);
+        gdk_display_flush(display);
+        return G_SOURCE_REMOVE;
+    }
+
+    GdkDisplay* const m_display = gdk_display_open(nullptr);
+    GtkWidget* const m_owner = gtk_invisible_new_for_screen(gdk_display_get_default_screen(m_display));
+    GdkEventSelection m_request{};
+    bool m_was_asked = false;
+};
+
+TEST_F(Signals, SigtermWhileGtkWaitsForAClipboardManagerLeavesTheSavedGeometry)
+{
+    gtk_init(nullptr, nullptr);
+    SlowClipboardManager manager;
+    machine.cpus(2);
+    App app;
+    std::string saved;
+    const auto copy_and_close = [&] {
+        ASSERT_TRUE(settle(app.window()));
+        GtkClipboard* const clipboard = gtk_clipboard_get(GDK_SELECTION_CLIPBOARD);
+        gtk_clipboard_set_text(clipboard, "#123456", -1);
+        gtk_clipboard_set_can_store(clipboard, nullptr, 0);
+        gtk_window_close(GTK_WINDOW(app.window()));
+        ASSERT_TRUE(iterate_until([&] { return app.window() == nullptr; }));
+        saved = saved_geometry(home);
+    };
+    EXPECT_EQ(run_app(app, copy_and_close, End::BY_ITSELF), 0);
+    EXPECT_TRUE(manager.was_asked());
+    EXPECT_THAT(saved, HasSubstr("\"width\":"));
+    EXPECT_EQ(saved_geometry(home), saved);
+    // The main loop had ended already
+    EXPECT_THAT(Messages::instance().take(), ElementsAre(HasSubstr("gtk_main_quit: assertion 'main_loops != NULL' failed")));
+}
+
 TEST_F(Signals, BothHaveOneHandlerThatStaysInstalled)
 {
     App app;

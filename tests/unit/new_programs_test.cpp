@@ -230,6 +230,36 @@ TEST_F(NewPrograms, EachSignalIsPassedOnOnce)
     EXPECT_EQ(1, g_terminations);
 }
 
+TEST_F(NewPrograms, CanBeStartedByWhoIsCalledByAnother)
+{
+    {
+        const SignalGate::ForNewPrograms outer;
+        {
+            const SignalGate::ForNewPrograms inner;
+            std::raise(SIGINT);
+        }
+        EXPECT_EQ(Child(Child::spawned_by_posix()).signals("SigBlk"), "none") << "the outer one still holds";
+        EXPECT_EQ(0, g_interrupts);
+    }
+    EXPECT_TRUE(is_blocked(SIGINT));
+    EXPECT_EQ(0, g_interrupts);
+    SignalGate::open_for_main_loop();
+    EXPECT_EQ(1, g_interrupts);
+}
+
+TEST_F(NewPrograms, SignalThatAnotherThreadIsStillToldOfIsNotLost)
+{
+    struct sigaction meanwhile {};
+    {
+        const SignalGate::ForNewPrograms gate;
+        sigaction(SIGTERM, nullptr, &meanwhile);
+    }
+    std::thread(meanwhile.sa_handler, SIGTERM).join();  // as in a thread of a library whose handler has just been entered
+    EXPECT_EQ(0, g_terminations);
+    SignalGate::open_for_main_loop();
+    EXPECT_EQ(1, g_terminations);
+}
+
 TEST_F(NewPrograms, HandlersAndMaskAreBackAfterwards)
 {
     struct sigaction own {};

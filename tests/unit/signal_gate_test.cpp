@@ -127,16 +127,91 @@ TEST_F(SignalGateTest, OpeningDeliversWhatHasWaited)
     EXPECT_EQ(1, g_terminations);
 }
 
-TEST_F(SignalGateTest, StaysOpenUntilTheLoopHasPolled)
+TEST_F(SignalGateTest, IsOpenInPollOnlyFromTheStartOn)
 {
     SignalGate::close();
     SignalGate::open_for_main_loop();
-    std::raise(SIGTERM);
-    std::raise(SIGTERM);
-    EXPECT_EQ(2, g_terminations);
-    g_main_context_iteration(nullptr, FALSE);
     EXPECT_TRUE(is_blocked(SIGINT));
     EXPECT_TRUE(is_blocked(SIGTERM));
+    std::raise(SIGTERM);
+    EXPECT_EQ(0, g_terminations);
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_EQ(1, g_terminations);
+    EXPECT_TRUE(is_blocked(SIGINT));
+    EXPECT_TRUE(is_blocked(SIGTERM));
+}
+
+TEST_F(SignalGateTest, IsShutWhileTheFirstPollIsPrepared)
+{
+    static bool was_blocked;
+    was_blocked = false;
+    static GSourceFuncs functions = {.prepare = [](GSource*, gint* timeout_ms) -> gboolean {
+        was_blocked = is_blocked(SIGINT) && is_blocked(SIGTERM);
+        std::raise(SIGTERM);
+        EXPECT_EQ(0, g_terminations);
+        *timeout_ms = -1;
+        return FALSE;
+    }};
+    SignalGate::close();
+    g_autoptr(GSource) source = g_source_new(&functions, sizeof(GSource));
+    g_source_attach(source, nullptr);
+    SignalGate::open_for_main_loop();
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_TRUE(was_blocked);
+    EXPECT_EQ(1, g_terminations);
+    g_source_destroy(source);
+}
+
+TEST_F(SignalGateTest, SignalsGetThroughThoughALibraryPollsByItself)
+{
+    static int polls;
+    polls = 0;
+    const GPollFunc foreign = [](GPollFD* fds, guint count, gint timeout_ms) -> gint {
+        ++polls;
+        EXPECT_TRUE(is_blocked(SIGTERM)) << "who knows where it waits";
+        return g_poll(fds, count, timeout_ms);
+    };
+    const guint tick = g_timeout_add(
+        10, [](gpointer) -> gboolean { return std::raise(SIGTERM), G_SOURCE_CONTINUE; }, nullptr);
+    SignalGate::close();
+    SignalGate::open_for_main_loop();
+    g_main_context_set_poll_func(nullptr, foreign);
+    EXPECT_TRUE(run_until_signal());
+    EXPECT_LE(1, g_terminations);
+    EXPECT_LE(1, polls);
+    EXPECT_EQ(foreign, g_main_context_get_poll_func(nullptr)) << "it is theirs to decide";
+    g_source_remove(tick);
+}
+
+TEST_F(SignalGateTest, LeavesAPollFunctionThatWasThereBefore)
+{
+    static int polls;
+    polls = 0;
+    const GPollFunc foreign = [](GPollFD* fds, guint count, gint timeout_ms) -> gint {
+        ++polls;
+        return g_poll(fds, count, timeout_ms);
+    };
+    SignalGate::close();
+    g_main_context_set_poll_func(nullptr, foreign);
+    SignalGate::open_for_main_loop();
+    std::raise(SIGINT);
+    EXPECT_EQ(0, g_interrupts);
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_EQ(1, g_interrupts);
+    EXPECT_EQ(1, polls);
+}
+
+TEST_F(SignalGateTest, SignalsGetThroughForeignPollsThoughSomeSourceIsAlwaysReady)
+{
+    const guint busy = g_idle_add_full(
+        G_PRIORITY_HIGH, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    SignalGate::close();
+    SignalGate::open_for_main_loop();
+    g_main_context_set_poll_func(nullptr, g_poll);
+    std::raise(SIGTERM);
+    g_main_context_iteration(nullptr, FALSE);
+    EXPECT_EQ(1, g_terminations);
+    g_source_remove(busy);
 }
 
 TEST_F(SignalGateTest, KeepsTheOtherSignalsOfTheMaskBlockedThroughout)
