@@ -1,7 +1,9 @@
-# The face for people: every target installs what it needs, builds, and goes. CMake does the work (CMakePresets.json).
+# The face for people: every target installs what it needs, builds, and goes. CMake does the work (CMakePresets.json). Under sudo only
+# packages and the program are installed by root; what is built stays the user's.
 
 PREFIX ?= /usr/local
-# Release build by default; `make install DESTDIR=/tmp/root PREFIX=/usr` as usual
+DESTDIR ?=
+# For CMake, as the shell reads words: make deb CMAKE_OPTIONS='-D VANTRIC_WEB_SITE=https://... -D "CMAKE_CXX_FLAGS=-O2 -g"'
 CMAKE_OPTIONS ?=
 # How long each fuzz target runs
 SECONDS ?= 60
@@ -14,54 +16,56 @@ help: ## Show this list
 
 run: ## Build the monitor and open it (on a virtual screen, for a picture, where there is no display)
 	@tools/ensure-packages build
-	@tools/build release $(CMAKE_OPTIONS)
-	@tools/run build/release/vantric
+	@tools/as-user tools/build release $(CMAKE_OPTIONS)
+	@tools/as-user tools/run build/release/vantric
 
 test: ## Build everything and run every test
 	@tools/ensure-packages build test
-	@tools/build test
-	@tools/run-tests test
+	@tools/as-user tools/build test $(CMAKE_OPTIONS)
+	@tools/as-user tools/run-tests test
 
 bench: ## Build and run the benchmarks
 	@tools/ensure-packages build test deb bench
-	@tools/build bench
-	@bench/run build/bench
+	@tools/as-user tools/build bench $(CMAKE_OPTIONS)
+	@tools/as-user bench/run build/bench
 
 fuzz: ## Fuzz whatever reads files or colours (make fuzz SECONDS=600)
 	@tools/ensure-packages build fuzz
-	@tools/fuzz $(SECONDS)
+	@tools/as-user tools/fuzz $(SECONDS)
+
+install uninstall: export PREFIX := $(PREFIX)
+install uninstall: export DESTDIR := $(DESTDIR)
 
 install: ## Build and install below PREFIX (/usr/local)
 	@tools/ensure-packages build
-	@tools/build release -D CMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_OPTIONS)
-	@DESTDIR=$(DESTDIR) cmake --install build/release
-	@tools/refresh-icons "$(PREFIX)" "$(DESTDIR)"
+	@tools/install "$$PREFIX" "$$DESTDIR" $(CMAKE_OPTIONS)
 
 uninstall: ## Remove what install has put below PREFIX
-	@tools/uninstall "$(PREFIX)" "$(DESTDIR)"
+	@tools/uninstall "$$PREFIX" "$$DESTDIR"
 
+deb: export VANTRIC_CMAKE_OPTIONS := $(CMAKE_OPTIONS)
 deb: ## Build the Debian package
 	@tools/ensure-packages build deb
-	@tools/build-deb build/deb
+	@tools/as-user tools/build-deb build/deb
 	@ls build/deb/vantric_*.deb
 
 check-packaging: ## Build the package twice, and put everything that is installed before its own validator
 	@tools/ensure-packages build deb package
-	@tools/check-packaging
+	@tools/as-user tools/check-packaging
 
 screenshots: ## Make the README's pictures anew
 	@tools/ensure-packages build test
-	@tools/build release
-	@tools/screenshots build/release/vantric docs/screenshots
+	@tools/as-user tools/build release $(CMAKE_OPTIONS)
+	@tools/as-user tools/screenshots build/release/vantric docs/screenshots
 
 contact-sheets: ## Make pictures of both windows in every language, many on a sheet (build/contact-sheets)
 	@tools/ensure-packages build test
-	@tools/build release
-	@tools/contact-sheet build/release/vantric build/contact-sheets
+	@tools/as-user tools/build release $(CMAKE_OPTIONS)
+	@tools/as-user tools/contact-sheet build/release/vantric build/contact-sheets
 
 format: ## Bring all C++ sources into the project's format
 	@tools/ensure-packages check
-	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+	@tools/as-user tools/format
 
 clean: ## Remove everything that was built
 	@rm -rf build
