@@ -1,0 +1,40 @@
+# Values that whoever builds the program may set: each is an option, empty for the default, which src/build_config.h gives. They go into
+# the program as definitions, and into the installed texts, which take them by name: @VANTRIC_WEB_SITE@.
+
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS src/build_config.h)
+set(build_value_names)
+set(build_value_definitions)
+
+macro(add_build_value name description)
+  set(${name} "" CACHE STRING "${description} (empty: the default in src/build_config.h)")
+  list(APPEND build_value_names ${name})
+  if(NOT ${name} STREQUAL "")
+    list(APPEND build_value_definitions "${name}=\"${${name}}\"")
+  endif()
+endmacro()
+
+function(get_build_value name result)
+  set(value "${${name}}")
+  if(value STREQUAL "")
+    file(STRINGS "${PROJECT_SOURCE_DIR}/src/build_config.h" definition REGEX "^#define ${name} ")
+    string(REGEX REPLACE "^[^\"]*\"(.*)\"$" "\\1" value "${definition}")
+  endif()
+  set(${result} "${value}" PARENT_SCOPE)
+endfunction()
+
+# Writes FILE of the build folder from FILE.in, with the values in force as that format, xml or roff, wants them
+function(write_with_build_values file format)
+  foreach(name IN LISTS build_value_names)
+    get_build_value(${name} value)
+    if(format STREQUAL "xml")
+      string(REPLACE "&" "&amp;" value "${value}")
+      string(REPLACE "<" "&lt;" value "${value}")
+    else()
+      string(REPLACE "\\" "\\e" value "${value}")
+      string(REPLACE "-" "\\-" value "${value}")
+    endif()
+    set(${name} "${value}")
+  endforeach()
+  string(REGEX REPLACE "([^/])$" "\\1/" VANTRIC_WEB_FOLDER "${VANTRIC_WEB_SITE}")
+  configure_file("${file}.in" "${file}" @ONLY)
+endfunction()
