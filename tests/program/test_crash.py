@@ -244,6 +244,7 @@ def test_other_signal_in_the_handler_restarts_the_report(scene: CrashScene) -> N
     assert scene.report().signal == signal_line(signal.SIGSEGV)
     assert ["signal 5 default", "signal 11 default", "raise 11"] == [
         call for call in scene.calls() if re.match(r"signal .* default|raise", call)]
+    assert scene.calls().count("alarm 3") == 1  # the time does not begin anew
 
 
 def test_same_signal_in_the_handler_waits(scene: CrashScene) -> None:
