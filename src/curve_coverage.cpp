@@ -23,7 +23,7 @@ namespace {
 
 constexpr int COLUMNS = 8;                       // of a block
 constexpr int BLOCK_ROWS = 64;                   // at once; a higher one takes several turns
-constexpr int END_ROWS = 3;                      // cells that an end takes
+constexpr int BEND_ROWS = 3;                     // cells that the beginning or end of an edge takes
 constexpr int OPAQUE = 255;                      // levels of opacity
 constexpr int LEVEL_BITS = 6;                    // a level is so many times halved in cells
 constexpr float COVERED = OPAQUE << LEVEL_BITS;  // a pixel that is covered wholly
@@ -33,7 +33,7 @@ constexpr std::size_t BYTES = 4;                 // of a pixel
 /// A number for each pixel in a row of a block. Compilers know such types, and what the processor has for them.
 using Row = std::uint16_t __attribute__((vector_size(COLUMNS * 2)));
 using SignedRow = std::int16_t __attribute__((vector_size(COLUMNS * 2)));
-using PixelRow = std::uint32_t __attribute__((vector_size(COLUMNS * 2)));  // half as many
+using HalfRow = std::uint32_t __attribute__((vector_size(COLUMNS * 2)));  // half as many
 using WideRow = std::uint32_t __attribute__((vector_size(COLUMNS * 4)));
 
 /// Makes levels of sums.
@@ -41,8 +41,10 @@ void take_levels(Row& levels, const Row& sums)
 {
     constexpr int HALF = 1 << (LEVEL_BITS - 1);
     const SignedRow rounded = (reinterpret_cast<SignedRow>(sums) + HALF) >> LEVEL_BITS;
-    const SignedRow positive = rounded > 0 ? rounded : SignedRow{};
-    levels = reinterpret_cast<Row>(positive < OPAQUE ? positive : SignedRow{} + OPAQUE);
+    constexpr SignedRow NONE{};
+    constexpr SignedRow ALL = NONE + OPAQUE;
+    const SignedRow positive = rounded > NONE ? rounded : NONE;
+    levels = reinterpret_cast<Row>(positive < ALL ? positive : ALL);
 }
 
 /// The levels of a line over an area of that alpha, which is in parts of 256.
@@ -53,23 +55,40 @@ void lay_over(Row& opacity, const Row& area, std::uint16_t area_alpha, const Row
     opacity = OPAQUE - ((clear + (clear >> 8)) >> 8);
 }
 
-/// Blends a colour over the pixels of a row. Every second byte of them is worked on at once.
-void blend(unsigned char* pixels, const Row& opacity, std::uint32_t color)
-{
-    const Row part = opacity + (opacity >> 7);  // of 256
-    const WideRow twice = __builtin_convertvector(part, WideRow) * 0x10001U;
-    Row parts[2];
-    std::memcpy(parts, &twice, sizeof parts);
-    const Row colors = reinterpret_cast<Row>(PixelRow{color, color, color, color});
-    for (std::size_t i = 0; i < 2; ++i) {
-        Row bytes;
-        std::memcpy(&bytes, pixels + i * sizeof bytes, sizeof bytes);
-        const Row low = (bytes << 8) + ((colors & 0xFF) - (bytes & 0xFF)) * parts[i] + 128;
-        const Row high = (bytes & 0xFF00) + ((colors >> 8) - (bytes >> 8)) * parts[i] + 128;
-        bytes = (low >> 8) | (high & 0xFF00);
-        std::memcpy(pixels + i * sizeof bytes, &bytes, sizeof bytes);
+/// A colour that is blended over rows of pixels. Of their bytes, every second one is worked on at once.
+class Paint {
+public:
+    explicit Paint(std::uint32_t pixel)
+    {
+        const auto bytes = reinterpret_cast<Row>(HalfRow{pixel, pixel, pixel, pixel});
+        m_low = bytes & 0xFF;
+        m_high = bytes >> 8;
     }
-}
+
+    void blend(unsigned char* pixels, const Row& opacity) const
+    {
+        const Row part = opacity + (opacity >> 7);  // of 256
+        const WideRow twice = __builtin_convertvector(part, WideRow) * 0x10001U;
+        Row parts[2];
+        std::memcpy(parts, &twice, sizeof parts);
+        blend_half(pixels, parts[0]);
+        blend_half(pixels + sizeof(Row), parts[1]);
+    }
+
+private:
+    void blend_half(unsigned char* pixels, const Row& part) const
+    {
+        Row bytes;
+        std::memcpy(&bytes, pixels, sizeof bytes);
+        const Row low = (bytes << 8) + (m_low - (bytes & 0xFF)) * part + 128;
+        const Row high = (bytes & 0xFF00) + (m_high - (bytes >> 8)) * part + 128;
+        bytes = (low >> 8) | (high & 0xFF00);
+        std::memcpy(pixels, &bytes, sizeof bytes);
+    }
+
+    Row m_low;
+    Row m_high;
+};
 
 /// An opaque colour as cairo makes it.
 std::uint32_t pixel_of(const Rgb& color)
@@ -80,16 +99,50 @@ std::uint32_t pixel_of(const Rgb& color)
 
 }  // namespace
 
-/// How far what lies below some edges covers the pixels of a block.
+namespace {
+
+/// What the beginning of a ramp makes of three cells below each other: from there on, coverage grows by `gain` from row to row.
+struct Bend {
+    int row;
+    int first;
+    int second;
+    int third;
+
+    Bend(float y, int gain) : row(static_cast<int>(y))
+    {
+        const float above = y - static_cast<float>(row);
+        const float below = 1 - above;
+        const float half = static_cast<float>(gain) * 0.5F;
+        first = static_cast<int>(half * below * below);
+        third = static_cast<int>(half * above * above);
+        second = gain - first - third;
+    }
+    void add_to(std::uint16_t* cells) const
+    {
+        cells[0] = static_cast<std::uint16_t>(cells[0] + first);
+        cells[COLUMNS] = static_cast<std::uint16_t>(cells[COLUMNS] + second);
+        cells[2 * COLUMNS] = static_cast<std::uint16_t>(cells[2 * COLUMNS] + third);
+    }
+    void take_from(std::uint16_t* cells) const
+    {
+        cells[0] = static_cast<std::uint16_t>(cells[0] - first);
+        cells[COLUMNS] = static_cast<std::uint16_t>(cells[COLUMNS] - second);
+        cells[2 * COLUMNS] = static_cast<std::uint16_t>(cells[2 * COLUMNS] - third);
+    }
+};
+
+}  // namespace
+
+/// How far what lies below a chain covers the pixels of a block.
 class CurveCoverage::Cells {
 public:
     explicit Cells(int row_count) : m_bottom(static_cast<float>(row_count))
     {
-        std::memset(m_rows, 0, (static_cast<std::size_t>(row_count) + END_ROWS) * sizeof(Row));
+        std::memset(m_rows, 0, (static_cast<std::size_t>(row_count) + BEND_ROWS) * sizeof(Row));
     }
 
-    /// Adds what lies below an edge, whose y counts from the first row. A pixel that is covered wholly counts `covered`.
-    void add(const Edge& edge, float covered);
+    /// Adds what lies below a chain; `top` is the y of the first row. A pixel that is covered wholly counts `covered`.
+    void add(const Edges& edges, float top, float covered);
     /// The levels of the next row.
     void take_row(Row& levels, int row)
     {
@@ -99,30 +152,74 @@ public:
     }
 
 private:
+    /// An edge that is being added, or none if its gain is 0.
+    struct Ramp {
+        int gain = 0;  ///< negative for an edge that goes up: it begins with its lower end
+        int column = 0;
+        float right = 0.0F;
+        float y_right = 0.0F;
+    };
+    void begin_ramp(Ramp& ramp, const Edge& edge, float covered);
+    void end_ramp(Ramp& ramp);
     void add_cut(const Edge& edge, float covered);
     void add_level(const Edge& edge, float covered);
-    void add_ramp(const Edge& edge, float covered);
     std::uint16_t* cell(int row, int column) { return reinterpret_cast<std::uint16_t*>(m_rows) + row * COLUMNS + column; }
 
     const float m_bottom;
     Row m_change{};
     Row m_sum{};
-    Row m_rows[BLOCK_ROWS + END_ROWS];
+    Row m_rows[BLOCK_ROWS + BEND_ROWS];
 };
 
-inline void CurveCoverage::Cells::add(const Edge& edge, float covered)
+void CurveCoverage::Cells::add(const Edges& edges, float top, float covered)
 {
-    const float highest = std::min(edge.y_left, edge.y_right);
-    const float lowest = std::max(edge.y_left, edge.y_right);
-    if (highest >= m_bottom) {
-        return;
+    Ramp ramp;
+    for (std::size_t i = 0; i < edges.count; ++i) {
+        Edge edge = edges.in_block[i];
+        edge.y_left -= top;
+        edge.y_right -= top;
+        const float highest = std::min(edge.y_left, edge.y_right);
+        const float lowest = std::max(edge.y_left, edge.y_right);
+        const bool is_level = lowest <= 0 || std::abs(edge.slope) < LEVEL_SLOPE;
+        if (!is_level && highest >= 0 && lowest <= m_bottom) {
+            begin_ramp(ramp, edge, covered);
+            continue;
+        }
+        end_ramp(ramp);
+        if (is_level && highest < m_bottom) {
+            add_level(edge, covered);
+        } else if (highest < m_bottom) {
+            add_cut(edge, covered);
+        }
     }
-    if (lowest <= 0 || std::abs(edge.slope) < LEVEL_SLOPE) {
-        add_level(edge, covered);
-    } else if (highest >= 0 && lowest <= m_bottom) {
-        add_ramp(edge, covered);
-    } else {
-        add_cut(edge, covered);
+    end_ramp(ramp);
+}
+
+/// Adds an edge but for its end, which may be the beginning of the next.
+inline void CurveCoverage::Cells::begin_ramp(Ramp& ramp, const Edge& edge, float covered)
+{
+    const int gain = static_cast<int>(std::lrint(covered / edge.slope));
+    int column = static_cast<int>(edge.left);
+    if (ramp.gain != 0 && !(ramp.right == edge.left && ramp.y_right == edge.y_left && ramp.column == column)) {
+        end_ramp(ramp);
+    }
+    const Bend begin(edge.y_left, gain - ramp.gain);
+    begin.add_to(cell(begin.row, column));
+    for (; static_cast<float>(column + 1) < edge.right; ++column) {
+        const Bend crossing(edge.y(static_cast<float>(column + 1)), gain);
+        std::uint16_t* const cells = cell(crossing.row, column);
+        crossing.take_from(cells);
+        crossing.add_to(cells + 1);
+    }
+    ramp = {.gain = gain, .column = column, .right = edge.right, .y_right = edge.y_right};
+}
+
+inline void CurveCoverage::Cells::end_ramp(Ramp& ramp)
+{
+    if (ramp.gain != 0) {
+        const Bend end(ramp.y_right, ramp.gain);
+        end.take_from(cell(end.row, ramp.column));
+        ramp.gain = 0;
     }
 }
 
@@ -136,7 +233,9 @@ void CurveCoverage::Cells::add_cut(const Edge& edge, float covered)
     add_level(goes_down ? edge.between(edge.left, x_top) : edge.between(x_top, edge.right), covered);
     const Edge inside = goes_down ? edge.between(x_top, x_bottom) : edge.between(x_bottom, x_top);
     if (inside.left < inside.right) {
-        add_ramp(inside, covered);
+        Ramp ramp;
+        begin_ramp(ramp, inside, covered);
+        end_ramp(ramp);
     }
 }
 
@@ -158,72 +257,32 @@ void CurveCoverage::Cells::add_level(const Edge& edge, float covered)
     }
 }
 
-namespace {
-
-/// What an end of an edge makes of three cells below each other.
-struct End {
-    int row;
-    int parts[END_ROWS];
-
-    /// `gain` is how much more of each row is covered, from here on.
-    End(float y, int gain) : row(static_cast<int>(y))
-    {
-        const float above = y - static_cast<float>(row);
-        const float below = 1 - above;
-        const float half = static_cast<float>(gain) / 2;
-        parts[0] = static_cast<int>(half * below * below);
-        parts[2] = static_cast<int>(half * above * above);
-        parts[1] = gain - parts[0] - parts[2];
-    }
-    void add_to(std::uint16_t* cells) const
-    {
-        for (int i = 0; i < END_ROWS; ++i) {
-            cells[i * COLUMNS] = static_cast<std::uint16_t>(cells[i * COLUMNS] + parts[i]);
-        }
-    }
-    void take_from(std::uint16_t* cells) const
-    {
-        for (int i = 0; i < END_ROWS; ++i) {
-            cells[i * COLUMNS] = static_cast<std::uint16_t>(cells[i * COLUMNS] - parts[i]);
-        }
-    }
-};
-
-}  // namespace
-
-/// Adds an edge with a slope, all of it inside of the rows.
-void CurveCoverage::Cells::add_ramp(const Edge& edge, float covered)
+void CurveCoverage::Edges::begin(const CurveOutline::Chain& chain)
 {
-    const int gain = static_cast<int>(std::lrint(covered / edge.slope));  // negative for an edge that goes up: it begins with its lower end
-    int column = static_cast<int>(edge.left);
-    const End begin(edge.y_left, gain);
-    begin.add_to(cell(begin.row, column));
-    for (; static_cast<float>(column + 1) < edge.right; ++column) {
-        const End crossing(edge.y(static_cast<float>(column + 1)), gain);
-        std::uint16_t* const cells = cell(crossing.row, column);
-        crossing.take_from(cells);
-        crossing.add_to(cells + 1);
-    }
-    const End end(edge.y_right, gain);
-    end.take_from(cell(end.row, column));
+    m_next = chain.data();
+    m_last = chain.data() + chain.size() - 1;
+    in_block.resize(std::max(in_block.size(), chain.size()));
 }
 
-/// Takes the edges of the next block; blocks are gone through from left to right.
-void CurveCoverage::Edges::take(const CurveOutline::Chain& chain, int column)
+/// Takes the edges of a block. Blocks are gone through from left to right.
+void CurveCoverage::Edges::take(int column)
 {
-    in_block.clear();
     const auto origin = static_cast<float>(column);
     const float end = origin + COLUMNS;
-    while (first + 1 < chain.size() && chain[first + 1].x <= origin) {
-        ++first;
+    while (m_next < m_last && m_next[1].x <= origin) {
+        ++m_next;
     }
-    for (std::size_t i = first; i + 1 < chain.size() && chain[i].x < end; ++i) {
-        const CurveOutline::Point& from = chain[i];
-        const CurveOutline::Point& to = chain[i + 1];
-        if (from.x < to.x) {
-            const Edge edge{from.x - origin, to.x - origin, from.y, to.y, (to.y - from.y) / (to.x - from.x)};
-            const bool is_inside = from.x >= origin && to.x <= end;
-            in_block.push_back(is_inside ? edge : edge.between(std::max(edge.left, 0.0F), std::min(edge.right, float{COLUMNS})));
+    count = 0;
+    for (const CurveOutline::Point* from = m_next; from < m_last && from->x < end; ++from) {
+        const float left = from[0].x - origin;
+        const float right = from[1].x - origin;
+        if (!(left < right)) {
+            continue;
+        }
+        Edge& edge = in_block[count++];
+        edge = {left, right, from[0].y, from[1].y, (from[1].y - from[0].y) / (right - left)};
+        if (left < 0 || right > COLUMNS) {
+            edge = edge.between(std::max(left, 0.0F), std::min(right, float{COLUMNS}));
         }
     }
 }
@@ -234,18 +293,18 @@ struct CurveCoverage::Pixels {
     std::ptrdiff_t stride;
     std::size_t begin;  ///< bytes of a row that are not to be painted
     std::size_t size;   ///< bytes that are
-    std::uint32_t color;
+    Paint color;
 
     void paint(int row, const Row& opacity) const
     {
         unsigned char* const pixels = rows + row * stride;
         if (size == COLUMNS * BYTES) {
-            blend(pixels, opacity, color);
+            color.blend(pixels, opacity);
             return;
         }
         unsigned char copy[COLUMNS * BYTES] = {};
         std::memcpy(copy + begin, pixels + begin, size);
-        blend(copy, opacity, color);
+        color.blend(copy, opacity);
         std::memcpy(pixels + begin, copy + begin, size);
     }
 };
@@ -274,7 +333,9 @@ void CurveCoverage::paint(const std::deque<double>& history, int capacity, const
     m_canvas = canvas;
     m_color = pixel_of(color);
     take_look(look, chart.height);
-    m_curve.first = m_upper.first = m_lower.first = 0;
+    m_curve.begin(m_outline.curve());
+    m_upper.begin(m_outline.upper());
+    m_lower.begin(m_outline.lower());
     const float begin = std::min(m_outline.upper().front().x, m_outline.lower().front().x);
     const int left = std::max(m_part.left, static_cast<int>(begin));
     for (int column = left / COLUMNS * COLUMNS; column < m_part.right; column += COLUMNS) {
@@ -303,16 +364,17 @@ std::uint16_t CurveCoverage::area_alpha(int row) const
 
 void CurveCoverage::paint_block(int column)
 {
-    m_upper.take(m_outline.upper(), column);
-    m_lower.take(m_outline.lower(), column);
-    m_curve.take(m_outline.curve(), column);
-    auto top = static_cast<float>(m_part.bottom);
+    m_upper.take(column);
+    m_lower.take(column);
+    m_curve.take(column);
+    const auto height = static_cast<float>(m_canvas.chart.height);
+    float top = height;
     float end = 0.0F;
-    for (const Edge& edge : m_upper.in_block) {
-        top = std::min(top, std::min(edge.y_left, edge.y_right));
+    for (std::size_t i = 0; i < m_upper.count; ++i) {
+        top = std::min(top, std::min(m_upper.in_block[i].y_left, m_upper.in_block[i].y_right));
     }
-    for (const Edge& edge : m_lower.in_block) {
-        end = std::max(end, std::max(edge.y_left, edge.y_right));
+    for (std::size_t i = 0; i < m_lower.count; ++i) {
+        end = std::max(end, std::max(m_lower.in_block[i].y_left, m_lower.in_block[i].y_right));
     }
     const std::size_t left = static_cast<std::size_t>(std::max(m_part.left - column, 0));
     const std::size_t right = static_cast<std::size_t>(std::min(m_part.right - column, COLUMNS));
@@ -321,10 +383,10 @@ void CurveCoverage::paint_block(int column)
                         .stride = m_canvas.stride,
                         .begin = left * BYTES,
                         .size = (right - left) * BYTES,
-                        .color = m_color};
+                        .color = Paint(m_color)};
     const int first_row = static_cast<int>(std::max(top, 0.0F));
-    const int end_row = static_cast<int>(std::ceil(std::min(end, static_cast<float>(m_part.bottom))));
-    for (int row = first_row; row < end_row; row += BLOCK_ROWS) {
+    const int end_row = static_cast<int>(std::ceil(std::min(end, height)));
+    for (int row = first_row; row < std::min(end_row, m_part.bottom); row += BLOCK_ROWS) {
         if (row + BLOCK_ROWS > m_part.top) {
             paint_line(pixels, row, std::min(row + BLOCK_ROWS, end_row));
         }
@@ -337,17 +399,10 @@ void CurveCoverage::paint_line(const Pixels& pixels, int top, int end)
 {
     Cells area(end - top);
     Cells line(end - top);
-    const auto shift = -static_cast<float>(top);
-    for (const Edge& edge : m_curve.in_block) {
-        area.add(edge.lower_by(shift), COVERED);
-    }
-    for (const Edge& edge : m_upper.in_block) {
-        line.add(edge.lower_by(shift), m_line_covered);
-    }
-    for (const Edge& edge : m_lower.in_block) {
-        line.add(edge.lower_by(shift), -m_line_covered);
-    }
-    for (int row = top; row < end; ++row) {
+    area.add(m_curve, static_cast<float>(top), COVERED);
+    line.add(m_upper, static_cast<float>(top), m_line_covered);
+    line.add(m_lower, static_cast<float>(top), -m_line_covered);
+    for (int row = top; row < std::min(end, m_part.bottom); ++row) {
         Row area_levels;
         Row opacity;
         area.take_row(area_levels, row - top);

@@ -56,14 +56,18 @@ private:
 
         float y(float x) const { return y_left + (x - left) * slope; }
         Edge between(float new_left, float new_right) const { return {new_left, new_right, y(new_left), y(new_right), slope}; }
-        Edge lower_by(float rows) const { return {left, right, y_left + rows, y_right + rows, slope}; }
     };
     /// A chain, and what of it is in the block at hand.
     struct Edges {
-        std::size_t first = 0;  ///< point of the chain to begin at
-        std::vector<Edge> in_block;
+        std::vector<Edge> in_block;  ///< the first `count` of them
+        std::size_t count = 0;
 
-        void take(const CurveOutline::Chain& chain, int column);
+        void begin(const CurveOutline::Chain& chain);
+        void take(int column);
+
+    private:
+        const CurveOutline::Point* m_next = nullptr;
+        const CurveOutline::Point* m_last = nullptr;
     };
     /// What is painted of a chart, in its pixels.
     struct Part {
