@@ -11,10 +11,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <map>
 #include <regex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -25,7 +27,8 @@
 
 namespace {
 
-constexpr int CRASHES = 50;  // of each kind in each thread, all at once
+constexpr int CRASHES = 50;                   // of each kind in each thread, all at once
+constexpr std::chrono::seconds DEADLINE{60};  // for all of them, on a busy computer
 struct Kind {
     const char* name;
     void (*commit)();
@@ -88,6 +91,9 @@ public:
         m_pid = fork();
         if (m_pid == 0) {
             die(kind.commit, in_sampler, folder);
+        }
+        if (m_pid < 0) {
+            throw std::runtime_error("can't fork");  // -1 would mean all processes further on
         }
     }
 
@@ -153,6 +159,7 @@ TEST(DamagedHeap, IsNotAskedForMemory)
         g_may_not_allocate = getpid();
         std::raise(SIGSEGV);
     }
+    ASSERT_GT(dying, 0);
     int status = 0;
     waitpid(dying, &status, 0);
     EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, SIGSEGV);
@@ -176,7 +183,7 @@ TEST(DamagedHeap, EndsByItsSignalWithAWholeReport)
         }
     }
     std::map<std::string, int> outcomes;
-    wait_until([&] { return std::ranges::all_of(all, &Dying::has_ended); });
+    wait_until([&] { return std::ranges::all_of(all, &Dying::has_ended); }, DEADLINE);
     for (Dying& dying : all) {
         dying.end();
         ++outcomes[dying.outcome()];

@@ -20,6 +20,7 @@ TEST(CrashWithoutBacktrace, TellsThatThereIsNone)
         CrashHandler::install();
         std::abort();
     }
+    ASSERT_GT(dying, 0);
     int status = 0;
     waitpid(dying, &status, 0);
     EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, SIGABRT);
