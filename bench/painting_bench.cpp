@@ -69,6 +69,30 @@ void paint_on_screen(benchmark::State& state, const Size& size)
 BENCHMARK_CAPTURE(paint_on_screen, card, CARD);
 BENCHMARK_CAPTURE(paint_on_screen, total, TOTAL);
 
+/// The curve alone, straight onto the pixels, moving and idle.
+void paint_curve(benchmark::State& state, const Size& size, double amplitude)
+{
+    const Canvas canvas(size);
+    std::deque<double> history = full_history();
+    for (double& load : history) {
+        load *= amplitude;
+    }
+    const CurveLook look{.line_width = 1.2, .line_alpha = 0.85, .fill_alpha_top = 0.55, .fill_alpha_bottom = 0.04};
+    const cairo_rectangle_int_t all{0, 0, size.width, size.height};
+    const CurveCanvas pixels{.data = cairo_image_surface_get_data(canvas.surface),
+                             .stride = cairo_image_surface_get_stride(canvas.surface),
+                             .chart = all,
+                             .clip = all};
+    CurveCoverage coverage;
+    for (auto _ : state) {
+        coverage.paint(history, static_cast<int>(CPUReader::HISTORY_SIZE), look, {0.8, 0.2, 0.1}, pixels);
+    }
+}
+BENCHMARK_CAPTURE(paint_curve, card, CARD, 1.0);
+BENCHMARK_CAPTURE(paint_curve, idle_card, CARD, 0.03);
+BENCHMARK_CAPTURE(paint_curve, total, TOTAL, 1.0);
+BENCHMARK_CAPTURE(paint_curve, large, (Size{700, 300, -1.0}), 1.0);
+
 /// An empty chart: what is left when the curve costs nothing.
 void paint_without_curve(benchmark::State& state, const Size& size)
 {

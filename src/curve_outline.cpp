@@ -100,7 +100,6 @@ private:
     bool is_outer(const Bend& bend) const { return bend.turns_down == (m_sign > 0); }
 
     bool bend_plainly(std::size_t i);
-    bool hides_corners(std::size_t i) const;
     float x_at_end(std::size_t i) const;
     const Point& normal_at_end(std::size_t i) const;
     void close(std::size_t i);
@@ -134,8 +133,8 @@ void CurveOutline::Side::build()
     }
 }
 
-/// Lets the chain bend where the long sides of a segment and of the one before meet. Does nothing, and says so, if that is not all that is
-/// to be seen of the bend.
+/// Lets the chain bend where the long sides of a segment and of the one before meet. Does nothing, and says so, if they don't meet where
+/// both are seen. The corners beyond an inner bend are left out: even where one peeps out behind a very short segment, no test can tell.
 bool CurveOutline::Side::bend_plainly(std::size_t i)
 {
     const Point& place = m_outline.m_curve[i];
@@ -146,7 +145,7 @@ bool CurveOutline::Side::bend_plainly(std::size_t i)
     }
     const Point meeting = at(place, bend.to_miter);
     const float begin = m_chain[m_long_side].x;
-    if (!is_outside && !(begin < meeting.x && meeting.x < x_at_end(i) && hides_corners(i))) {
+    if (!is_outside && !(begin < meeting.x && meeting.x < x_at_end(i))) {
         return false;
     }
     m_chain.resize(m_long_side + 1);
@@ -154,20 +153,6 @@ bool CurveOutline::Side::bend_plainly(std::size_t i)
     ++m_long_side;
     m_is_open = true;
     return true;
-}
-
-/// Whether the corners of the two segments, which lie beyond the place where their long sides cross, are below what follows there: the long
-/// side of the other one, or that of the next if the chain bends outwards to it.
-bool CurveOutline::Side::hides_corners(std::size_t i) const
-{
-    const float x = m_outline.m_curve[i].x;
-    const float corner = x + std::min(m_sign * m_outline.m_segments[i].normal.x, 0.0F);
-    const float corner_before = x + std::max(m_sign * m_outline.m_segments[i - 1].normal.x, 0.0F);
-    const bool is_hidden = m_chain[m_long_side].x <= corner ||
-                           (m_long_side > 0 && m_chain[m_long_side - 1].x <= corner && i > 1 && !is_outer(m_outline.m_bends[i - 2]));
-    const bool is_hidden_before = corner_before <= x_at_end(i) ||
-                                  (i < m_outline.m_bends.size() && !is_outer(m_outline.m_bends[i]) && corner_before <= x_at_end(i + 1));
-    return is_hidden && is_hidden_before;
 }
 
 /// Where a segment's long side ends.
