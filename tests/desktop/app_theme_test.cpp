@@ -1,7 +1,14 @@
 /// Light and dark: how the theme is decided, what applying it does, the portal's signal, and what the stylesheet makes of the widgets.
+#include <pthread.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <map>
 #include <optional>
 #include <regex>
@@ -12,6 +19,7 @@
 #include "desktop/calls.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
+#include "signal_gate.h"
 
 using testing::Each;
 using testing::ElementsAre;
@@ -34,6 +42,7 @@ struct Overheard {
     std::vector<std::string> subscriptions;  ///< to signals on the bus, in full
     GVariant* answer = nullptr;              ///< of the next question, in place of the service's; belongs to whoever asks
     bool has_bus = true;
+    std::function<void(GCancellable*)> at_connect;  ///< before a connection to the bus is made; on any thread
     bool has_settings = true;
 };
 
@@ -111,7 +120,11 @@ GtkSettings* gtk_settings_get_default()
 
 GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError** error)
 {
-    if (is_own_code(__builtin_return_address(0)) && !g_overheard.has_bus) {
+    const bool is_own = is_own_code(__builtin_return_address(0));
+    if (is_own && g_overheard.at_connect) {
+        g_overheard.at_connect(cancellable);
+    }
+    if (is_own && !g_overheard.has_bus) {
         g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "no bus");
         return nullptr;
     }
@@ -304,6 +317,61 @@ TEST_F(AppTheme, BusThatHasGoneAwayLeavesItToGtkAndIsNotWatched)
     app.watch_system_theme();
     EXPECT_THAT(g_overheard.subscriptions, IsEmpty());
     g_object_unref(bus);
+}
+
+TEST_F(AppTheme, BusThatDoesNotConnectIsGivenUpOnceForAll)
+{
+    IdleApp app;
+    gtk_says(true);
+    g_overheard.has_bus = false;
+    std::atomic<int> attempts{0};
+    std::atomic<bool> was_cancelled{false};
+    g_overheard.at_connect = [&](GCancellable* cancellable) {
+        ++attempts;
+        was_cancelled = wait_until([&] { return g_cancellable_is_cancelled(cancellable) != FALSE; });
+    };
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(App::system_prefers_dark());
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+    EXPECT_TRUE(App::system_prefers_dark());
+    app.watch_system_theme();
+    EXPECT_TRUE(wait_until([&] { return was_cancelled.load(); }));
+    EXPECT_EQ(attempts, 1);
+    EXPECT_THAT(g_overheard.questions, IsEmpty());
+    EXPECT_THAT(g_overheard.subscriptions, IsEmpty());
+}
+
+TEST_F(AppTheme, ConnectionThatCannotBeCancelledIsNotWaitedForAndDroppedWhenItComes)
+{
+    gtk_says(true);
+    GDBusConnection* const bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    ASSERT_NE(bus, nullptr);
+    const unsigned before = references_of(bus);
+    std::promise<void> goes_on;
+    std::atomic<bool> has_connected{false};
+    g_overheard.at_connect = [&](GCancellable*) {
+        goes_on.get_future().wait();
+        has_connected = true;
+    };
+    EXPECT_TRUE(App::system_prefers_dark());
+    EXPECT_FALSE(has_connected);
+    goes_on.set_value();
+    EXPECT_TRUE(wait_until([&] { return has_connected && references_of(bus) == before; }));
+    EXPECT_THAT(g_overheard.questions, IsEmpty());
+    g_object_unref(bus);
+}
+
+TEST_F(AppTheme, ProgramsStartedForTheBusCanBeEnded)
+{
+    const auto has_both = [](const sigset_t& set) { return sigismember(&set, SIGINT) == 1 && sigismember(&set, SIGTERM) == 1; };
+    sigset_t meanwhile{};
+    g_overheard.at_connect = [&](GCancellable*) { pthread_sigmask(SIG_BLOCK, nullptr, &meanwhile); };
+    SignalGate::close();
+    App::system_prefers_dark();
+    EXPECT_FALSE(sigismember(&meanwhile, SIGINT) == 1 || sigismember(&meanwhile, SIGTERM) == 1);
+    sigset_t afterwards{};
+    pthread_sigmask(SIG_BLOCK, nullptr, &afterwards);
+    EXPECT_TRUE(has_both(afterwards));
 }
 
 TEST_F(AppTheme, QuestionKeepsNoReferenceOnTheBus)

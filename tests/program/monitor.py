@@ -141,6 +141,10 @@ class Monitor:
         """Whether the main thread waits for something, with a handler for that signal, and without blocking it."""
         return self.catches(number) and self.sleeps() and not int(self._field("SigBlk") or "0", 16) >> (number - 1) & 1
 
+    def samples(self) -> bool:
+        """Whether both sampling threads run; they bear the program's name, those of libraries have others."""
+        return self.threads().count(PROGRAM_NAME) == 3
+
     def sleeps(self) -> bool:
         """Whether the main thread waits for something."""
         return self._field("State").startswith("S")
@@ -153,11 +157,11 @@ class Monitor:
         return next((line.split()[1] for line in text.splitlines() if line.startswith(name + ":")), "")
 
     def threads(self) -> list[str]:
-        """The names of its threads."""
+        """The names of its threads; none if it has ended."""
         names = []
-        for task in Path(f"/proc/{self.pid}/task").iterdir():
+        for comm in Path(f"/proc/{self.pid}/task").glob("*/comm"):
             try:
-                names.append((task / "comm").read_text().strip())
+                names.append(comm.read_text().strip())
             except OSError:
                 continue  # it has just ended
         return names
@@ -291,8 +295,11 @@ def _with_environment(variables: Mapping[str, str | None]) -> list[str]:
 
 
 def wait_for_main_loop(monitor: Monitor) -> None:
-    """Waits until the main loop waits for events: there alone the program, once it handles both signals, lets both through."""
-    wait_until(lambda: not monitor.running() or all(map(monitor.accepts, (signal.SIGINT, signal.SIGTERM))), TIMEOUT, "the main loop")
+    """Waits until the main loop waits for events: there alone the program, once its sampling threads run, lets both signals through. (It does
+    as well while libraries may start programs, which is earlier.)"""
+    def waits() -> bool:
+        return monitor.samples() and all(map(monitor.accepts, (signal.SIGINT, signal.SIGTERM)))
+    wait_until(lambda: not monitor.running() or waits(), TIMEOUT, "the main loop")
     assert monitor.running(), f"ended with {monitor.status}\n{monitor.complaints()}"
 
 
