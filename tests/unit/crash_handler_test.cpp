@@ -157,6 +157,7 @@ TEST(DamagedHeap, IsNotAskedForMemory)
     const ScopedEnv runtime("XDG_RUNTIME_DIR", folder.path());
     const pid_t dying = fork();
     if (dying == 0) {
+        prctl(PR_SET_DUMPABLE, 0);
         CrashHandler::install();
         g_may_not_allocate = getpid();
         std::raise(SIGSEGV);

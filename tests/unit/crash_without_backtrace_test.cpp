@@ -1,6 +1,7 @@
 /// The crash handler as it is built for a C library without a backtrace, as musl is.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@ TEST(CrashWithoutBacktrace, TellsThatThereIsNone)
     const ScopedEnv folder("XDG_RUNTIME_DIR", runtime.path());
     const pid_t dying = fork();
     if (dying == 0) {
+        prctl(PR_SET_DUMPABLE, 0);  // no core
         CrashHandler::install();
         std::abort();
     }
