@@ -112,9 +112,11 @@ def test_a_told_command_does_what_it_says(command: str, tmp_path: Path) -> None:
     words = [tools.get(word, word) for word in words]
     if "--screenshot" in words:
         words[words.index("--screenshot") + 1] = str(tmp_path / "shot.png")
-        words[words.index("--after") + 1] = "1"
-    elif str(PROGRAM) in words:
-        words[words.index(str(PROGRAM))] = "true"  # a window that nobody closes would stay
+        words[words.index("--after") + 1] = "0.1"
+    if str(PROGRAM) in words:
+        # In its place something that ends by itself, or whenever it is told to
+        place = words.index(str(PROGRAM))
+        words[place:place + 1] = ["sleep", "1000"] if "--screenshot" in words else ["true"]
     words = [re.sub("^build/(test|release)/", f"{PROGRAM.parent}/", word) for word in words]
     check_of(words, command)
     if "--screenshot" in words:
