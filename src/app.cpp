@@ -56,6 +56,13 @@ void keep_heap_small()
 #endif
 }
 
+int default_width(GtkWidget* window)
+{
+    int width = 0;
+    gtk_window_get_default_size(GTK_WINDOW(window), &width, nullptr);
+    return width;
+}
+
 /// What the start has needed and nobody needs any more, GTK's reading of its theme above all, goes back to the system.
 gboolean give_back_memory(gpointer)
 {
@@ -119,6 +126,7 @@ int App::run(int argc, char** argv)
     create_window();
     apply_theme();
     watch_system_theme();
+    fit_core_labels(default_width(m_window));  // else the whole window would be laid out a second time before its first picture
     gtk_widget_show_all(m_window);
     m_cpu_reader->start();
     m_sys_metrics->start();

@@ -4,11 +4,13 @@ void pack_start(GtkWidget* box, GtkWidget* child, Fill fill, guint padding)
 {
     const gboolean on = fill == Fill::YES;
     gtk_box_pack_start(GTK_BOX(box), child, on, on, padding);
+    gtk_widget_show(child);
 }
 
 void pack_end(GtkWidget* box, GtkWidget* child, guint padding)
 {
     gtk_box_pack_end(GTK_BOX(box), child, FALSE, FALSE, padding);
+    gtk_widget_show(child);
 }
 
 void add_class(GtkWidget* widget, const char* css_class)

@@ -8,6 +8,7 @@
 /// Whether a packed widget takes up, and fills, whatever room its box has left.
 enum class Fill : bool { NO, YES };
 
+/// Both show the child as well: what of its style depends on its neighbours is then settled before its window is shown.
 void pack_start(GtkWidget* box, GtkWidget* child, Fill fill, guint padding = 0);
 void pack_end(GtkWidget* box, GtkWidget* child, guint padding = 0);
 

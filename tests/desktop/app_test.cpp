@@ -35,6 +35,7 @@ struct Overheard {
     std::vector<std::string> calls;
     std::vector<std::string> tick;  ///< what a tick does to labels and charts, by their names
     const std::thread::id main_thread = std::this_thread::get_id();
+    std::function<void()> before_show_all;
     std::function<void()> at_show_all;
 
     bool listens() const { return app != nullptr && std::this_thread::get_id() == main_thread; }
@@ -114,6 +115,9 @@ GtkWidget* gtk_window_new(GtkWindowType type)
 void gtk_widget_show_all(GtkWidget* widget)
 {
     g_overheard.note("show_all");
+    if (g_overheard.before_show_all) {
+        g_overheard.before_show_all();
+    }
     next<decltype(gtk_widget_show_all)>("gtk_widget_show_all")(widget);
     if (g_overheard.at_show_all) {
         g_overheard.at_show_all();
@@ -202,6 +206,7 @@ struct Listening {
     ~Listening()
     {
         g_overheard.app = nullptr;
+        g_overheard.before_show_all = nullptr;
         g_overheard.at_show_all = nullptr;
     }
     Listening(const Listening&) = delete;
@@ -288,6 +293,20 @@ TEST_F(StartUp, ThreadsStartOnlyAfterTheWindowIsShown)
     run_app(app, [] {});
     EXPECT_TRUE(was_visible);
     EXPECT_EQ(sampling, "");
+}
+
+TEST_F(StartUp, TitlesFitTheWindowBeforeItIsShown)
+{
+    machine.cpus(4);
+    home.lay("geometry.json", R"({"x":0,"y":0,"width":240,"height":700,"num_columns":4})");
+    App app;
+    const Listening listening(app);
+    const auto title = [&] { return std::string(text_of(app.m_clusters_ui.at(0).cores.at(3).name_label)); };
+    std::string before;
+    g_overheard.before_show_all = [&] { before = before.empty() ? title() : before; };
+    run_app(app, [] {});
+    EXPECT_EQ(before, "4");
+    EXPECT_EQ(title(), "4");
 }
 
 TEST_F(StartUp, FirstStartHasOneColumnAndNotTheFourOfTheConstructor)
