@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -18,12 +19,15 @@ bool is_cpu_line(const std::string& line)
     return line.size() > 3 && line.starts_with("cpu") && line[3] >= '0' && line[3] <= '9';
 }
 
+/// A full history moves up in its place: as a queue that wanders it would hold two blocks of memory nearly all the time.
 void append_bounded(std::deque<double>& history, double value)
 {
-    history.push_back(value);
-    if (history.size() > CPUReader::HISTORY_SIZE) {
-        history.pop_front();
+    if (history.size() < CPUReader::HISTORY_SIZE) {
+        history.push_back(value);
+        return;
     }
+    std::move(std::next(history.begin()), history.end(), history.begin());
+    history.back() = value;
 }
 
 }  // namespace

@@ -304,6 +304,23 @@ TEST(LoadSample, HistoriesKeepTheLastSixtyValuesAndTheSixtyFirstDropsTheFirst)
     }
 }
 
+TEST(LoadSample, AFullHistoryStaysInOneBlockOfMemory)
+{
+    CPUReader reader;
+    reader.m_prev_stats = {RawStat()};
+    const auto sample = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            reader.publish({RawStat()});
+        }
+    };
+    sample(60);
+    const std::deque<double>& history = reader.m_cores.at(0).history;
+    const double* const oldest = &history.front();
+    sample(200);
+    EXPECT_EQ(&history.front(), oldest);
+    EXPECT_EQ(&history.back(), oldest + 59);
+}
+
 TEST(LoadSample, ACpuThatGoesAwayTakesItsHistoryWithIt)
 {
     FakeMachine machine;
