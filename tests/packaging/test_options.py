@@ -91,7 +91,8 @@ def test_presets_harden_and_make_small_what_is_not_a_curve(tmp_path: Path) -> No
 
 def rules(tree: Path, tmp_path: Path, target: str, env: Mapping[str, str] | None = None) -> list[str]:
     """What debian/rules asks of debhelper for that target. Behind it the flags that it hands to CMake then."""
-    for tool in ("dh_auto_configure", "dh_auto_build", "dh_auto_test"):
+    (tmp_path / "asked").write_text("")
+    for tool in ("dh_auto_configure", "dh_auto_build", "ctest"):
         stub(tmp_path / "bin", tool, f"printf '%s\\n' \"$@\" > '{tmp_path}/asked'; "
              f"echo $(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS) >> '{tmp_path}/asked'")
     done = run(tree, "make", "-f", "packaging/debian/rules", target, env={"PATH": f"{tmp_path}/bin:{os.environ['PATH']}"} | dict(env or {}))
@@ -133,7 +134,8 @@ def test_debian_runs_the_unit_tests_unless_it_is_told_not_to(tmp_path: Path, opt
     env = {"DEB_BUILD_OPTIONS": options}
     assert (f"BUILD_TESTING={'ON' if tested else 'OFF'}" in rules(ROOT, tmp_path, "override_dh_auto_configure", env))
     assert rules(ROOT, tmp_path, "override_dh_auto_build", env)[:-1] == ["--", "vantric", *["unit_tests"] * tested]
-    assert rules(ROOT, tmp_path, "override_dh_auto_test", env)[:-1] == ["--", "--tests-regex", "^unit/", "--no-tests=error"]
+    asked = rules(ROOT, tmp_path, "override_dh_auto_test", env)[:-1]
+    assert asked[:1] + asked[2:] == (["--test-dir", "--tests-regex", "^unit/", "--no-tests=error", "--verbose"] if tested else [])
 
 
 # --- what is needed ---
