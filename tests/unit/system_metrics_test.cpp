@@ -518,7 +518,9 @@ TEST(Sampler, AnInterruptedPauseGoesOnWithWhatIsLeftOfIt)
         return pause.is_over.load();
     }));
     EXPECT_GE(pause.length, std::chrono::seconds(2));
+#ifndef THREAD_SANITIZED  // which keeps them from the handler until the wait is over
     EXPECT_GE(interruptions.load(), 3);
+#endif
 }
 
 TEST(Sampler, KeepsNoDescriptor)
