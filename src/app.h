@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -225,9 +226,16 @@ private:
     /// `extra` goes on top of the panel; may be null. Sets m_right_info_label, m_throttle_label and m_total_chart.
     GtkWidget* create_total_panel(GtkWidget* extra);
     GtkWidget* create_status_row(GtkWidget* panel);
-    /// Tells screen readers, in the current language, what the gear and the total chart are.
-    void name_status_widgets();
     GtkWidget* create_chart(const ChartMeta& meta, int min_height);
+    /// What a chart is called, and what it shows, such as "43%, 4.909 GHz"; empty as long as it shows nothing. Screen readers ask.
+    static std::string chart_name(GtkWidget* chart, gpointer data);
+    static std::string chart_description(GtkWidget* chart, gpointer data);
+    /// The load that a chart shows last, 0.0 to 1.0; empty if there is no reading.
+    std::optional<double> load_of(const ChartMeta& meta) const;
+    /// The clock behind it in MHz, or 0.0.
+    double frequency_of(const ChartMeta& meta) const;
+    /// Tells a screen reader that what it knows of the window is called otherwise now.
+    void tell_new_names() const;
 
     // --- app_layout.cpp: the tree under the window ---
 

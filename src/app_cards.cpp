@@ -3,6 +3,7 @@
 
 #include "app.h"
 #include "i18n.h"
+#include "spoken_widgets.h"
 #include "widget_building.h"
 
 namespace {
@@ -20,12 +21,12 @@ GtkWidget* create_markup_label(double xalign, const char* css_class)
     return label;
 }
 
-/// A drawing area without a GDK window of its own, which only one that takes part in events needs: memory and time for each chart.
-GtkWidget* create_canvas()
+/// As the cards show it.
+std::string percentage_text(double load)
 {
-    GtkWidget* canvas = gtk_drawing_area_new();
-    gtk_widget_set_has_window(canvas, FALSE);
-    return canvas;
+    char text[16];
+    std::snprintf(text, sizeof text, "%.0f%%", load * 100);
+    return text;
 }
 
 void delete_meta(gpointer meta)
@@ -56,18 +57,23 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
     m_handlers.connect(card, "draw", G_CALLBACK(draw_card));
 
     GtkWidget* title_row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
-    GtkWidget* name_label = create_label(card_title(cpu_index), 0.0, "core-label");
+    // A screen reader is told the whole title, also where only the number fits
+    const auto whole_title = [](GtkWidget*, gpointer cpu) { return card_title(GPOINTER_TO_INT(cpu)); };
+    GtkWidget* name_label =
+        create_spoken_label(card_title(cpu_index), {.name = whole_title, .description = nullptr, .data = GINT_TO_POINTER(cpu_index)});
+    gtk_label_set_xalign(GTK_LABEL(name_label), 0.0F);
+    add_class(name_label, "core-label");
     gtk_label_set_ellipsize(GTK_LABEL(name_label), PANGO_ELLIPSIZE_END);
     pack_start(title_row, name_label, Fill::YES);
     GtkWidget* pct_label = gtk_label_new("0%");
     gtk_label_set_use_markup(GTK_LABEL(pct_label), TRUE);
     add_class(pct_label, "pct-label");
     pack_end(title_row, pct_label);
+    gtk_label_set_mnemonic_widget(GTK_LABEL(name_label), pct_label);  // for screen readers
     pack_start(card, title_row, Fill::NO);
 
     GtkWidget* chart = create_chart({cpu_index, color_index}, CARD_CHART_MIN_HEIGHT);
     gtk_widget_set_vexpand(chart, TRUE);
-    set_accessible_name(chart, card_title(cpu_index));
     pack_start(card, chart, Fill::YES);
 
     g_object_set_data(G_OBJECT(card), "chart", chart);
@@ -78,12 +84,50 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
 
 GtkWidget* App::create_chart(const ChartMeta& meta, int min_height)
 {
-    GtkWidget* chart = create_canvas();
+    GtkWidget* chart = create_spoken_chart({.name = chart_name, .description = chart_description, .data = this});
     gtk_widget_set_size_request(chart, -1, min_height);
     gtk_widget_set_hexpand(chart, TRUE);
     g_object_set_data_full(G_OBJECT(chart), "meta", new ChartMeta(meta), delete_meta);
     m_handlers.connect(chart, "draw", G_CALLBACK(draw_chart));
     return chart;
+}
+
+std::string App::chart_name(GtkWidget* chart, gpointer)
+{
+    const ChartMeta& meta = *static_cast<const ChartMeta*>(g_object_get_data(G_OBJECT(chart), "meta"));
+    return meta.cpu_index == -1 ? I18n::instance().tr("Total") : card_title(meta.cpu_index);
+}
+
+/// In the figures that stand on and beside the chart.
+std::string App::chart_description(GtkWidget* chart, gpointer data)
+{
+    const App& app = *static_cast<const App*>(data);
+    const ChartMeta& meta = *static_cast<const ChartMeta*>(g_object_get_data(G_OBJECT(chart), "meta"));
+    const std::vector<std::string> clock = freq_texts(app.frequency_of(meta));
+    const std::optional<double> load = app.load_of(meta);
+    std::string text = load ? percentage_text(*load) : "";
+    if (!clock.empty()) {
+        text += (text.empty() ? "" : ", ") + clock.front();
+    }
+    return text.empty() ? text : I18n::instance().figure_marks() + text;
+}
+
+std::optional<double> App::load_of(const ChartMeta& meta) const
+{
+    if (meta.cpu_index == -1) {
+        return m_cache.total_history.empty() ? std::nullopt : std::optional(m_cache.total);
+    }
+    const auto cpu = static_cast<std::size_t>(meta.cpu_index);
+    return cpu < m_cache.cores.size() ? std::optional(m_cache.cores[cpu].usage) : std::nullopt;
+}
+
+double App::frequency_of(const ChartMeta& meta) const
+{
+    if (meta.cpu_index == -1) {
+        return total_frequency();
+    }
+    const auto cpu = static_cast<std::size_t>(meta.cpu_index);
+    return cpu < m_cache.frequencies.size() ? m_cache.frequencies[cpu] : 0.0;
 }
 
 GtkWidget* App::create_section_header(const CpuCluster& cluster)
@@ -92,7 +136,7 @@ GtkWidget* App::create_section_header(const CpuCluster& cluster)
     add_class(header, "section-header");
     gtk_widget_set_hexpand(header, TRUE);
 
-    GtkWidget* color_bar = create_canvas();
+    GtkWidget* color_bar = create_decoration();
     gtk_widget_set_size_request(color_bar, COLOR_BAR_WIDTH, COLOR_BAR_HEIGHT);
     g_object_set_data(G_OBJECT(color_bar), "color_index", GINT_TO_POINTER(cluster.color_index));
     m_handlers.connect(color_bar, "draw", G_CALLBACK(draw_color_bar));
@@ -130,7 +174,8 @@ GtkWidget* App::create_total_panel(GtkWidget* extra)
 GtkWidget* App::create_status_row(GtkWidget* panel)
 {
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
-    GtkWidget* gear = gtk_button_new_with_label("⚙");
+    const auto name = [](GtkWidget*, gpointer) -> std::string { return I18n::instance().tr("Settings"); };
+    GtkWidget* gear = create_spoken_button("⚙", {.name = name, .description = nullptr, .data = nullptr});
     add_class(gear, "flat");
     add_class(gear, "gear-btn");
     gtk_button_set_relief(GTK_BUTTON(gear), GTK_RELIEF_NONE);
@@ -157,15 +202,16 @@ std::string App::frequency_caption(double mhz)
     return text;
 }
 
-void App::name_status_widgets()
+void App::tell_new_names() const
 {
-    if (m_total_panel == nullptr) {
-        return;
+    if (m_total_panel != nullptr) {
+        tell_new_name(widget_of(m_total_panel, "gear"));
+        tell_new_name(m_total_chart);
     }
-    if (GtkWidget* gear = widget_of(m_total_panel, "gear")) {
-        set_accessible_name(gear, I18n::instance().tr("Settings"));
-    }
-    if (m_total_chart != nullptr) {
-        set_accessible_name(m_total_chart, I18n::instance().tr("Total"));
+    for (const ClusterUI& ui : m_clusters_ui) {
+        for (const CoreWidgets& widgets : ui.cores) {
+            tell_new_name(widgets.name_label);
+            tell_new_name(widgets.chart);
+        }
     }
 }

@@ -3,7 +3,6 @@
 
 #include "app.h"
 #include "i18n.h"
-#include "widget_building.h"
 
 void App::apply_text_direction()
 {
@@ -21,7 +20,7 @@ void App::retranslate()
         }
     }
     relabel_sections();
-    name_status_widgets();
+    tell_new_names();
     if (m_window != nullptr) {
         fit_core_labels(gtk_widget_get_allocated_width(m_window));
     }
@@ -48,12 +47,8 @@ void App::relabel_sections()
 /// With the long title; which ones have to be short is decided for the new language afterwards.
 void App::relabel_card(CoreWidgets& widgets)
 {
-    const std::string title = card_title(widgets.cpu_index);
     if (widgets.name_label != nullptr) {
-        gtk_label_set_text(GTK_LABEL(widgets.name_label), title.c_str());
+        gtk_label_set_text(GTK_LABEL(widgets.name_label), card_title(widgets.cpu_index).c_str());
         widgets.short_label = false;
-    }
-    if (widgets.chart != nullptr) {
-        set_accessible_name(widgets.chart, title);
     }
 }

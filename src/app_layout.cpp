@@ -54,6 +54,23 @@ std::string valid_utf8(const std::string& text)
     return result;
 }
 
+/// A widget and its place in a grid; all are one row high.
+struct Cell {
+    GtkWidget* widget;
+    int column;
+    int row;
+    int width;
+};
+
+/// Puts the widgets, given in the order of reading, into the grid. It puts a new child before those that it has, and their order is the one
+/// in which a screen reader walks through them.
+void attach_in_order(GtkWidget* grid, const std::vector<Cell>& cells)
+{
+    for (auto cell = cells.rbegin(); cell != cells.rend(); ++cell) {
+        gtk_grid_attach(GTK_GRID(grid), cell->widget, cell->column, cell->row, cell->width, 1);
+    }
+}
+
 GtkWidget* create_row_box()
 {
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, CARD_GAP);
@@ -76,7 +93,6 @@ void App::build_layout()
         m_total_panel = create_total_panel(nullptr);
     }
     gtk_box_pack_start(GTK_BOX(outer), m_total_panel, FALSE, FALSE, 0);
-    name_status_widgets();
 
     m_core_grid = create_core_grid();
     create_sections();
@@ -182,36 +198,38 @@ void App::empty_core_grid()
 /// Vertical orientation: sections below each other, each header above its rows of cards.
 void App::place_in_grid(int cols)
 {
-    GtkGrid* grid = GTK_GRID(m_core_grid);
+    std::vector<Cell> cells;
     int row = 0;
     for (ClusterUI& ui : m_clusters_ui) {
-        gtk_grid_attach(grid, ui.section_hdr, 0, row, cols, 1);
+        cells.push_back({ui.section_hdr, 0, row, cols});
         ui.grid_row = row + 1;
         const int count = static_cast<int>(ui.cores.size());
         for (int i = 0; i < count; ++i) {
-            gtk_grid_attach(grid, ui.cores[static_cast<std::size_t>(i)].card, i % cols, ui.grid_row + i / cols, 1, 1);
+            cells.push_back({ui.cores[static_cast<std::size_t>(i)].card, i % cols, ui.grid_row + i / cols, 1});
         }
         row = ui.grid_row + rounded_up_quotient(count, cols);
     }
+    attach_in_order(m_core_grid, cells);
 }
 
 /// Horizontal orientation, one column: all cards in one row, clusters side by side under their headers.
 void App::place_in_single_row()
 {
-    GtkGrid* grid = GTK_GRID(m_core_grid);
+    std::vector<Cell> cells;
     int col = 0;
     for (ClusterUI& ui : m_clusters_ui) {
         const int count = static_cast<int>(ui.cores.size());
         if (count == 0) {
             continue;
         }
-        gtk_grid_attach(grid, ui.section_hdr, col, 0, count, 1);
+        cells.push_back({ui.section_hdr, col, 0, count});
         ui.grid_row = 1;
         for (const CoreWidgets& widgets : ui.cores) {
-            gtk_grid_attach(grid, widgets.card, col, ui.grid_row, 1, 1);
+            cells.push_back({widgets.card, col, ui.grid_row, 1});
             ++col;
         }
     }
+    attach_in_order(m_core_grid, cells);
 }
 
 /// Horizontal orientation, several columns: a box for each row. A short last row is filled up, so that its cards keep their width.

@@ -13,15 +13,10 @@ constexpr int SIDE_PANEL_INFO_WIDTH = 218;  // what the info line has before its
 constexpr int INFO_MARGINS = 12;            // likewise what it has less than the window, vertical orientation
 constexpr int MEASURABLE_WIDTH = 20;        // the info line is not fitted to this or less
 
-// Invisible: a line that begins with the first runs from right to left, and what follows the second keeps its own order
-constexpr const char* RIGHT_TO_LEFT_MARK = "\u200F";
-constexpr const char* LEFT_TO_RIGHT_MARK = "\u200E";
-
-/// What stands before figures and their Latin units in a longer text; empty unless the language is written from right to left. There the
-/// pieces of "95°C / 100°C" would each find a place of their own behind a word, and a line that begins with "4C" would run left to right.
+/// What stands before figures and their units in the current language.
 std::string figure_marks()
 {
-    return I18n::instance().is_rtl() ? std::string(RIGHT_TO_LEFT_MARK) + LEFT_TO_RIGHT_MARK : std::string();
+    return I18n::instance().figure_marks();
 }
 
 /// How far a clock is below its maximum, 0.0 to 1.0.

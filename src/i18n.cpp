@@ -18,6 +18,9 @@ constexpr const char* FALLBACK_LANGUAGE = "en";
 /// Scripts that a monospace font suits badly: these languages take a proportional one.
 constexpr const char* NON_MONO[] = {"zh", "zh_TW", "ja", "ko", "ar", "fa", "ur", "he", "hi", "ne", "bn", "th"};
 
+// Two invisible marks: a line that begins with the first runs from right to left, and what follows the second keeps its own order
+constexpr const char* RIGHT_TO_LEFT_THEN_LEFT_TO_RIGHT = "\u200F\u200E";
+
 /// The row of a language code, or -1.
 int index_of_code(std::string_view code)
 {
@@ -103,6 +106,11 @@ std::string I18n::trf(const char* format_key, ...) const
     }
     va_end(arguments);
     return text;
+}
+
+const char* I18n::figure_marks() const
+{
+    return m_rtl ? RIGHT_TO_LEFT_THEN_LEFT_TO_RIGHT : "";
 }
 
 const char* I18n::ui_font_family() const

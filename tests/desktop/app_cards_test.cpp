@@ -111,7 +111,7 @@ TEST_F(Card, IsATitleRowOverAChart)
                 ElementsAre("box vertical spacing 2 hexpand vexpand .core-card",  //
                             "- start: box horizontal spacing 0",                  //
                             "- - start expand fill: label \"Core 3\" xalign 0 ellipsize end .core-label",
-                            "- - end: label \"0%\" markup .pct-label", "- start expand fill: GtkDrawingArea request -1x1 hexpand vexpand"));
+                            "- - end: label \"0%\" markup .pct-label", "- start expand fill: VantricChart request -1x1 hexpand vexpand"));
 }
 
 TEST_F(Card, CountsCoresFromOneForTheUser)
@@ -210,7 +210,7 @@ TEST_F(SectionHeader, IsAColourBarATitleAndACaption)
 {
     const Owned header(app.create_section_header(cluster("Performance", 8, 5700.0)));
     EXPECT_THAT(describe(header.widget), ElementsAre("box horizontal spacing 5 hexpand .section-header",  //
-                                                     "- start: GtkDrawingArea request 3x14",              //
+                                                     "- start: VantricDecoration request 3x14",              //
                                                      "- start: label \"Performance (8)\" xalign 0 .group-name",
                                                      "- start: label \"" + localized("5.700 GHz") + "\" xalign 0 .group-freq"));
 }
@@ -303,14 +303,14 @@ TEST_F(TotalPanel, InVerticalOrientationIsAStatusRowOverAChartOfFixedHeight)
                             "- - start: button \"⚙\" flat tooltip \"Settings\" .flat .gear-btn",  //
                             "- - start padding 4: label \"\" markup xalign 0 .info-line",         //
                             "- - end padding 4: label \"\" markup xalign 1 .throttle-label",      //
-                            "- start: GtkDrawingArea request -1x60 hexpand"));
+                            "- start: VantricChart request -1x60 hexpand"));
 }
 
 TEST_F(TotalPanel, InHorizontalOrientationTheChartGrows)
 {
     app.m_horizontal = true;
     const Owned panel(app.create_total_panel(nullptr));
-    EXPECT_EQ(describe(panel.widget).back(), "- start expand fill: GtkDrawingArea request -1x60 hexpand vexpand");
+    EXPECT_EQ(describe(panel.widget).back(), "- start expand fill: VantricChart request -1x60 hexpand vexpand");
 }
 
 TEST_F(TotalPanel, HasWhatItWasGivenOnTop)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app.h"
+#include "desktop/calls.h"
 #include "desktop/settings_dialog.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
@@ -19,6 +20,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::IsSubsetOf;
 using testing::Not;
 
 namespace {
@@ -90,6 +92,8 @@ protected:
 using Sections = Change;
 using Cards = Change;
 using ForScreenReaders = Change;
+
+std::vector<std::string> g_accessibles;  // the kinds of what GTK has made for screen readers
 using Direction = Change;
 using Missing = Change;
 using InTheDialog = Change;
@@ -171,6 +175,12 @@ std::vector<std::string> kinds_in(GtkWidget* root)
 }
 
 }  // namespace
+
+void atk_object_initialize(AtkObject* object, gpointer widget)
+{
+    g_accessibles.emplace_back(G_OBJECT_TYPE_NAME(object));
+    next<decltype(atk_object_initialize)>("atk_object_initialize")(object, widget);
+}
 
 // --- the order of the steps ---
 
@@ -348,6 +358,22 @@ TEST_F(NarrowCards, HaveTheLongTitleForScreenReaders)
     change("de");
     EXPECT_EQ(card_titles().front(), "1");
     EXPECT_EQ(name_for_screen_readers(app.core(0, 0).chart), "Kern 1");
+}
+
+TEST_F(ForScreenReaders, NothingIsMadeAsLongAsNoneAsks)
+{
+    g_accessibles.clear();
+    app.rebuild_layout();
+    ASSERT_TRUE(app.show());
+    app.update();
+    change("de");
+    app.relayout_cores(2);
+    app.update();
+    ASSERT_TRUE(settle(app.m_window));
+    EXPECT_THAT(g_accessibles, IsSubsetOf({"GtkWindowAccessible", "VantricButtonAccessible"}));  // GTK's own, for window and focus
+    g_accessibles.clear();
+    EXPECT_EQ(name_for_screen_readers(app.core(0, 0).chart), "Kern 1");
+    EXPECT_THAT(g_accessibles, ElementsAre("VantricChartAccessible"));
 }
 
 TEST_F(ForScreenReaders, NothingIsNamedAtATick)

@@ -177,7 +177,7 @@ TEST_F(Tree, ChartHeightsAreLeftToTheCards)
 {
     IdleApp app(Shape{.clusters = {1}});
     app.adapt_chart_heights(5);
-    EXPECT_EQ(describe_widget(app.core(0, 0).chart), "GtkDrawingArea request -1x1 hexpand vexpand");
+    EXPECT_EQ(describe_widget(app.core(0, 0).chart), "VantricChart request -1x1 hexpand vexpand");
 }
 
 // --- places in vertical orientation ---

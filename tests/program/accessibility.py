@@ -18,7 +18,6 @@ from gi.repository import Gio, GLib
 
 ACCESSIBLE, ACTION, COMPONENT, SELECTION, TEXT = (
     f"org.a11y.atspi.{name}" for name in ("Accessible", "Action", "Component", "Selection", "Text"))
-NAME_CHANGE = "object:property-change:accessible-name"
 SCREEN_COORDINATES, WINDOW_COORDINATES = 0, 1
 AT_ONCE = 100  # calls; a bus refuses more than it wants to remember
 CALL_TIMEOUT_MS = 20_000  # a program that draws a thousand cards answers late
@@ -69,10 +68,16 @@ class Node:
             yield from child.walk()
 
 
-class NameChange(NamedTuple):
-    """The news that an object has another name."""
+class Relation(enum.IntEnum):
+    """How objects belong together, by its number on the bus."""
+    LABEL_FOR = 1
+    LABELLED_BY = 2
+
+
+class PropertyChange(NamedTuple):
+    """The news that an object has another name or description."""
     address: Address
-    name: str
+    text: str
 
 
 class Call(NamedTuple):
@@ -155,6 +160,16 @@ class AccessibilityBus:
         return [text for (text,) in self._ask([
             Call(address, "org.freedesktop.DBus.Properties", "Get", description) for address in addresses])]
 
+    def related(self, addresses: Sequence[Address], relation: Relation) -> list[list[Address]]:
+        """To which objects each of these has that relation."""
+        sets = self._ask([Call(address, ACCESSIBLE, "GetRelationSet") for address in addresses])
+        return [[Address(*one) for number, targets in relations if number == relation for one in targets] for (relations,) in sets]
+
+    def texts(self, labels: Sequence[Address]) -> list[str]:
+        """What labels show; the name of some is another."""
+        whole = GLib.Variant("(ii)", (0, -1))
+        return [text for (text,) in self._ask([Call(label, TEXT, "GetText", whole) for label in labels])]
+
     def have_state(self, addresses: Sequence[Address], state: State) -> list[bool]:
         """Of which objects this is true."""
         sets = self._ask([Call(address, ACCESSIBLE, "GetState") for address in addresses])
@@ -200,15 +215,15 @@ class AccessibilityBus:
     # --- listening ---
 
     @contextmanager
-    def name_changes(self) -> Iterator[Callable[[], list[NameChange]]]:
-        """Listens as a screen reader does; what is handed out gives all changes of names since then."""
-        registry = Address("org.a11y.atspi.Registry", "/org/a11y/atspi/registry")
-        heard: list[NameChange] = []
+    def changes(self, what: str = "name") -> Iterator[Callable[[], list[PropertyChange]]]:
+        """Listens as a screen reader does; what is handed out gives all changes of names, or of descriptions, since then."""
+        registry, detail = Address("org.a11y.atspi.Registry", "/org/a11y/atspi/registry"), f"accessible-{what}"
+        heard: list[PropertyChange] = []
 
         def on_change(_: Gio.DBusConnection, owner: str, path: str, _interface: str, _member: str, news: GLib.Variant) -> None:
-            heard.append(NameChange(Address(owner, path), news.unpack()[3]))
+            heard.append(PropertyChange(Address(owner, path), news.unpack()[3]))
 
-        def all_heard() -> list[NameChange]:
+        def all_heard() -> list[PropertyChange]:
             while context.iteration(False):
                 pass
             return heard
@@ -216,16 +231,17 @@ class AccessibilityBus:
         context.push_thread_default()
         try:
             subscription = self._bus.signal_subscribe(None, "org.a11y.atspi.Event.Object", "PropertyChange", None,
-                                                      "accessible-name", Gio.DBusSignalFlags.NONE, on_change)
+                                                      detail, Gio.DBusSignalFlags.NONE, on_change)
         finally:
             context.pop_thread_default()
-        event = GLib.Variant("(sass)", (NAME_CHANGE, [], ""))
+        name = f"object:property-change:{detail}"
+        event = GLib.Variant("(sass)", (name, [], ""))
         _call(self._bus, Call(registry, "org.a11y.atspi.Registry", "RegisterEvent", event))
         try:
             yield all_heard
         finally:
             self._bus.signal_unsubscribe(subscription)
-            _call(self._bus, Call(registry, "org.a11y.atspi.Registry", "DeregisterEvent", GLib.Variant("(s)", (NAME_CHANGE,))))
+            _call(self._bus, Call(registry, "org.a11y.atspi.Registry", "DeregisterEvent", GLib.Variant("(s)", (name,))))
 
     # --- asking ---
 

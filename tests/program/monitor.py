@@ -36,12 +36,13 @@ QUIT_REFUSED = re.compile(r"\n\(vantric:\d+\): Gtk-CRITICAL .*: gtk_main_quit: a
 @dataclass
 class Card:
     """The card of one logical CPU."""
-    name: str
+    name: str  # the whole title, also where only the number is shown
     percentage: str
     rect: Rect
     name_rect: Rect
     percentage_rect: Rect
     chart: Rect
+    name_label: Address
     percentage_label: Address
 
 
@@ -349,14 +350,14 @@ class Gate:
 def read_content(application: Node) -> Content:
     """Finds in the tree what the window consists of, by how the parts are put together."""
     nodes = list(application.walk())
-    (panel,) = [node for node in nodes if _roles(node)[-2:] == ["filler", "drawing area"]
+    (panel,) = [node for node in nodes if _roles(node)[-2:] == ["filler", "chart"]
                 and any(child.role == "push button" for child in node.children[-2].children)]
     status_row, total_chart = panel.children[-2:]
     (gear,) = [child for child in status_row.children if child.role == "push button"]
     header = next(node for node in nodes if _roles(node) == ["label", "filler"]
                   and _roles(node.children[1]) == ["label"])
-    sections = [_section(node) for node in nodes if _roles(node)[:2] == ["drawing area", "label"]]
-    cards = [_card(node) for node in nodes if _roles(node) == ["filler", "drawing area"]
+    sections = [_section(node) for node in nodes if _roles(node)[:2] == ["redundant object", "label"]]
+    cards = [_card(node) for node in nodes if _roles(node) == ["filler", "chart"]
              and _roles(node.children[0]) == ["label", "label"]]
     mirrored = gear.rect.x > status_row.rect.x + status_row.rect.width // 2
     _hand_out(cards, sections, mirrored)
@@ -376,7 +377,7 @@ def _section(node: Node) -> Section:
 def _card(node: Node) -> Card:
     title_row, chart = node.children
     name, percentage = title_row.children
-    return Card(name.name, percentage.name, node.rect, name.rect, percentage.rect, chart.rect, percentage.address)
+    return Card(name.name, percentage.name, node.rect, name.rect, percentage.rect, chart.rect, name.address, percentage.address)
 
 
 def _hand_out(cards: list[Card], sections: list[Section], mirrored: bool) -> None:

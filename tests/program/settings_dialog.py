@@ -305,8 +305,7 @@ def gear_in(main: Node) -> Node:
 
 
 def charts_in(main: Node) -> list[Node]:
-    """The charts, which unlike the colour bars of the sections have names."""
-    return [node for node in main.walk() if node.role == "drawing area" and node.name]
+    return [node for node in main.walk() if node.role == "chart"]
 
 
 def is_horizontal(content: Content) -> bool:

@@ -38,8 +38,7 @@ def look(bus: AccessibilityBus, root: Address) -> Shown:
     (status_row,) = with_roles("push button", "label", "label")
     _, status, throttle = status_row.children
     (info,) = [line.children[0] for header in with_roles("label", "filler") for line in header.children[1:] if roles[id(line)] == ["label"]]
-    cards = [card for card in with_roles("filler", "drawing area") if roles[id(card.children[0])] == ["label", "label"]]
-    cards.sort(key=lambda card: (card.rect.y, card.rect.x))  # a grid tells the newest first
+    cards = [card for card in with_roles("filler", "chart") if roles[id(card.children[0])] == ["label", "label"]]
     (tooltip,) = bus.descriptions([throttle.address])
     percentages = [card.children[0].children[1].name for card in cards]
     if not all([*percentages, info.name]):
