@@ -28,6 +28,7 @@ constexpr int MAX_COLUMNS = 16;
 
 constexpr const char* DEVELOPER = "Ilan Morvay";
 constexpr const char* MAKER = "Fennmark Software";
+constexpr std::string_view SCHEME_END = "://";
 constexpr const char* DISCLAIMER_KEY =
     "This software is provided \"as is\", without warranty of any kind, express or implied. Use at your own risk. The author shall not "
     "be liable for any damages arising from the use of this software.";
@@ -70,11 +71,47 @@ const char* tr(const char* key)
     return I18n::instance().tr(key);
 }
 
+/// What the chooser of a colour is called: "Colors – Background (Dark)", or "Colors – Total" where both schemes have the same.
+std::string color_title(const std::string& label, const std::string& slot, bool dark)
+{
+    Settings any;
+    const bool is_of_scheme = color_field(any, slot, true) != color_field(any, slot, false);
+    return tr("Colors") + (" – " + label) + (is_of_scheme ? std::string(" (") + tr(dark ? "Dark" : "Light") + ")" : "");
+}
+
 /// Ties a control to the label beside it, for screen readers.
 void name_by_label(GtkWidget* control, GtkWidget* label)
 {
     gtk_label_set_mnemonic_widget(GTK_LABEL(label), control);
     set_accessible_name(control, gtk_label_get_text(GTK_LABEL(label)));
+}
+
+/// Ties a control to a title that it shares with others, for screen readers.
+void belong_to_title(GtkWidget* control, GtkWidget* title)
+{
+    atk_object_add_relationship(gtk_widget_get_accessible(control), ATK_RELATION_LABELLED_BY, gtk_widget_get_accessible(title));
+}
+
+/// Lets a button tell what a label says, also when that changes: whoever has pressed it hears what came of it.
+void describe_by_label(GtkWidget* button, GtkWidget* label)
+{
+    const auto describe = +[](GtkLabel* changed, GParamSpec*, gpointer described) {
+        set_accessible_description(GTK_WIDGET(described), gtk_label_get_text(changed));
+    };
+    describe(GTK_LABEL(label), nullptr, button);
+    g_signal_connect_object(label, "notify::label", G_CALLBACK(describe), button, GConnectFlags{});
+}
+
+/// Lets a colour button tell its colour, as it is saved.
+void describe_by_color(GtkWidget* button)
+{
+    const auto describe = +[](GtkColorChooser* changed, GParamSpec*, gpointer) {
+        GdkRGBA color;
+        gtk_color_chooser_get_rgba(changed, &color);
+        set_accessible_description(GTK_WIDGET(changed), rgb_to_hex({color.red, color.green, color.blue}));
+    };
+    describe(GTK_COLOR_CHOOSER(button), nullptr, nullptr);
+    g_signal_connect(button, "notify::rgba", G_CALLBACK(describe), nullptr);
 }
 
 /// A label at the start and a control at the end.
@@ -146,6 +183,15 @@ gboolean on_activate_link(GtkLinkButton* link, gpointer)
     return GDK_EVENT_STOP;
 }
 
+/// The address without its scheme, and without the slash at its end.
+std::string link_text(std::string_view uri)
+{
+    const std::size_t scheme = uri.find(SCHEME_END);
+    uri.remove_prefix(scheme != std::string_view::npos ? scheme + SCHEME_END.size() : 0);
+    uri.remove_suffix(uri.ends_with('/') ? 1 : 0);
+    return std::string(uri);
+}
+
 void add_link(GtkWidget* box, const std::string& uri, const char* label)
 {
     GtkWidget* link = gtk_link_button_new_with_label(uri.c_str(), label);
@@ -164,7 +210,7 @@ void add_about(GtkWidget* box)
     add_line(DEVELOPER, "about-dev");
     add_line(MAKER, "about-dim");
     add_line(BuildConfig::ABOUT_YEAR, "about-dim");
-    add_link(box, BuildConfig::WEB_SITE, BuildConfig::WEB_SITE);
+    add_link(box, BuildConfig::WEB_SITE, link_text(BuildConfig::WEB_SITE).c_str());
     add_link(box, std::string("mailto:") + BuildConfig::CONTACT_ADDRESS, BuildConfig::CONTACT_ADDRESS);
 }
 
@@ -194,8 +240,10 @@ void close_to_keyboard(GtkWidget* expander)
     const auto follow = +[](GtkExpander* changed, GParamSpec*, gpointer) {
         gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), gtk_expander_get_expanded(changed));
     };
+    const auto admit = +[](GtkExpander* changed, gpointer) { gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), TRUE); };
     follow(GTK_EXPANDER(expander), nullptr, nullptr);
     g_signal_connect(expander, "notify::expanded", G_CALLBACK(follow), nullptr);
+    g_signal_connect(expander, "activate", G_CALLBACK(admit), nullptr);  // GTK maps what is in it before it tells that it is open
 }
 
 /// A widget and all that is in it, in the order in which containers hold them.
@@ -322,6 +370,8 @@ GtkWidget* App::create_orientation_row()
 GtkWidget* App::create_columns_frame()
 {
     GtkWidget* frame = gtk_frame_new(tr("Columns"));
+    GtkWidget* title = gtk_frame_get_label_widget(GTK_FRAME(frame));
+    add_class(title, "settings-label");
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, ROW_SPACING);
     gtk_widget_set_margin_start(row, 6);
     gtk_widget_set_margin_end(row, 6);
@@ -329,13 +379,21 @@ GtkWidget* App::create_columns_frame()
     gtk_widget_set_margin_bottom(row, 6);
     gtk_container_add(GTK_CONTAINER(frame), row);
 
-    pack_start(row, create_button("−", m_handlers, G_CALLBACK(on_fewer_columns)), Fill::NO);
+    GtkWidget* fewer = create_button("−", m_handlers, G_CALLBACK(on_fewer_columns));
+    pack_start(row, fewer, Fill::NO);
     m_col_label = gtk_label_new(std::to_string(m_num_columns).c_str());
     gtk_widget_set_size_request(m_col_label, COLUMN_NUMBER_WIDTH, -1);
     add_class(m_col_label, "settings-label");
     pack_start(row, m_col_label, Fill::NO);
-    pack_start(row, create_button("+", m_handlers, G_CALLBACK(on_more_columns)), Fill::NO);
+    GtkWidget* more = create_button("+", m_handlers, G_CALLBACK(on_more_columns));
+    pack_start(row, more, Fill::NO);
     pack_end(row, create_button(tr("Apply"), m_handlers, G_CALLBACK(on_apply_columns)));
+    for (GtkWidget* control : {fewer, m_col_label, more}) {
+        belong_to_title(control, title);
+    }
+    for (GtkWidget* button : {fewer, more}) {
+        describe_by_label(button, m_col_label);
+    }
     return frame;
 }
 
@@ -399,6 +457,7 @@ void App::add_color_row(GtkWidget* box, const char* label, const std::string& sl
     GObject* button = G_OBJECT(widget_of(row, "button"));
     g_object_set_data_full(button, "slot", g_strdup(slot.c_str()), g_free);
     g_object_set_data(button, "dark", GINT_TO_POINTER(static_cast<int>(m_dark)));  // the scheme that the row edits
+    gtk_color_button_set_title(GTK_COLOR_BUTTON(button), color_title(label, slot, m_dark).c_str());
     pack_start(box, row, Fill::NO);
 }
 
@@ -411,8 +470,8 @@ GtkWidget* App::color_row(const char* label, const char* hex, GCallback on_set, 
     }
     GtkWidget* button = gtk_color_button_new_with_rgba(&color);
     gtk_color_chooser_set_use_alpha(GTK_COLOR_CHOOSER(button), FALSE);
-    gtk_color_button_set_title(GTK_COLOR_BUTTON(button), label);
     add_class(button, "color-swatch");
+    describe_by_color(button);
     m_handlers.connect(button, "color-set", on_set, data);
 
     GtkWidget* name = create_label(label, 0.0, "settings-label");

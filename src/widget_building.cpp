@@ -38,6 +38,11 @@ void set_accessible_name(GtkWidget* widget, const std::string& name)
     atk_object_set_name(gtk_widget_get_accessible(widget), name.c_str());
 }
 
+void set_accessible_description(GtkWidget* widget, const std::string& description)
+{
+    atk_object_set_description(gtk_widget_get_accessible(widget), description.c_str());
+}
+
 GtkWidget* widget_of(GtkWidget* owner, const char* key)
 {
     return static_cast<GtkWidget*>(g_object_get_data(G_OBJECT(owner), key));

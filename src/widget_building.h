@@ -39,5 +39,8 @@ private:
 /// What a screen reader calls a widget that has no text of its own.
 void set_accessible_name(GtkWidget* widget, const std::string& name);
 
+/// What a screen reader says of a widget beyond its name.
+void set_accessible_description(GtkWidget* widget, const std::string& description);
+
 /// The object data of that key, as a widget; null if there is none.
 GtkWidget* widget_of(GtkWidget* owner, const char* key);

@@ -315,7 +315,8 @@ TEST_F(Content, IsThisTree)
                     "- start: box horizontal spacing 6",                   //
                     "- - start expand fill: label \"Orientation\" xalign 0 .settings-label",
                     "- - end: combo request 140x-1 .settings-combo",  //
-                    "- start: frame \"Columns\"", "- - box horizontal spacing 6 margin-start 6 margin-end 6 margin-top 4 margin-bottom 6",
+                    "- start: frame \"Columns\" .settings-label",
+                    "- - box horizontal spacing 6 margin-start 6 margin-end 6 margin-top 4 margin-bottom 6",
                     "- - - start: button \"−\" raised",                        //
                     "- - - start: label \"1\" request 28x-1 .settings-label",  //
                     "- - - start: button \"+\" raised",                        //
@@ -357,7 +358,7 @@ TEST_F(Content, IsThisTree)
                     "- start: label \"Ilan Morvay\" .about-dev",                 //
                     "- start: label \"Fennmark Software\" .about-dim",           //
                     "- start: label \"2026\" .about-dim",                        //
-                    "- start: link \"https://vantric.example/\" to https://vantric.example/ .flat .link",
+                    "- start: link \"vantric.example\" to https://vantric.example/ .flat .link",
                     "- start: link \"contact@vantric.example\" to mailto:contact@vantric.example .flat .link",
                     "- start padding 2: separator horizontal",              //
                     "- start: box vertical spacing 4 .disclaimer-box",      //
@@ -386,6 +387,17 @@ TEST_F(Content, IsTranslated)
     EXPECT_THAT(items_of(combo_of(app, Row::ORIENTATION)), ElementsAre("vertical: Vertikal", "horizontal: Horizontal"));
     EXPECT_THAT(items_of(combo_of(app, Row::THEME)), ElementsAre("auto: Automatisch", "light: Hell", "dark: Dunkel"));
     EXPECT_EQ(items_of(combo_of(app, Row::LANGUAGE)).front(), "auto: Automatisch");
+}
+
+TEST_F(Content, TitleOfTheColumnsIsInTheColorOfTheText)
+{
+    settings().text_light = "#AB54A9";
+    dark(false);
+    open();
+    GtkWidget* const title = gtk_frame_get_label_widget(GTK_FRAME(children_of(app.m_settings_box).at(1)));
+    GdkRGBA color;
+    gtk_style_context_get_color(gtk_widget_get_style_context(title), GTK_STATE_FLAG_NORMAL, &color);
+    EXPECT_EQ(rgb_to_hex({color.red, color.green, color.blue}), "#AB54A9");
 }
 
 TEST_F(Content, OrientationsAreTwo)
@@ -504,7 +516,7 @@ TEST_F(Content, AboutTextIsWhatItIsInEveryLanguage)
 TEST_F(Dialog, LinkThatNothingOpensIsQuiet)
 {
     open();
-    for (const char* const label : {"https://vantric.example/", "contact@vantric.example"}) {
+    for (const char* const label : {"vantric.example", "contact@vantric.example"}) {
         GtkWidget* const link = button_in(app.m_settings_box, label);
         gboolean handled = FALSE;
         g_signal_emit_by_name(link, "activate-link", &handled);
@@ -519,7 +531,7 @@ TEST_F(Links, StartTheirProgramAsAnyOther)
     App app;
     run_app(app, [&] {
         App::on_settings_clicked(nullptr, &app);
-        click(button_in(app.m_settings_box, "https://vantric.example/"));
+        click(button_in(app.m_settings_box, "vantric.example"));
         ASSERT_TRUE(opener.is_started());
         EXPECT_EQ(opener.link(), "https://vantric.example/\n");
         EXPECT_EQ(signals_in(opener.status(), "SigBlk") & INTERRUPT_AND_TERMINATE, 0U);
@@ -971,6 +983,23 @@ TEST_F(Colors, ResetWithoutADialogOnlyAppliesTheTheme)
     App::on_reset_colors(nullptr, static_cast<App*>(&app));
     EXPECT_EQ(saved(), settings_file());
     EXPECT_THAT(run_idles(), ElementsAre("theme"));
+}
+
+TEST_F(Colors, ChoosersTellWhichColorOfWhat)
+{
+    const auto title = [&](const char* slot) { return std::string(gtk_color_button_get_title(GTK_COLOR_BUTTON(swatch_of(app, slot)))); };
+    dark(false);
+    open_and_listen();
+    EXPECT_EQ(title("bg"), "Colors – Background (Light)");
+    EXPECT_EQ(title("gear"), "Colors – Gear (Light)");
+    EXPECT_EQ(title("total"), "Colors – Total");
+    EXPECT_EQ(title("group1"), "Colors – Cluster 2");
+    choose(app, Row::THEME, "dark");
+    run_idles();
+    choose(app, Row::LANGUAGE, "de");
+    run_idles();
+    EXPECT_EQ(title("bg"), "Farben – Hintergrund (Dunkel)");
+    EXPECT_EQ(title("total"), "Farben – Gesamt");
 }
 
 // --- the content built afresh ---

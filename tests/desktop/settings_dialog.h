@@ -372,7 +372,8 @@ inline std::string kind_of(GtkWidget* widget)
                gtk_link_button_get_uri(GTK_LINK_BUTTON(widget));
     }
     if (GTK_IS_FRAME(widget)) {
-        return std::string("frame \"") + gtk_frame_get_label(GTK_FRAME(widget)) + '"';
+        return std::string("frame \"") + gtk_frame_get_label(GTK_FRAME(widget)) + '"' +
+               classes_of(gtk_frame_get_label_widget(GTK_FRAME(widget)));
     }
     if (GTK_IS_EXPANDER(widget)) {
         return std::string("expander \"") + gtk_expander_get_label(GTK_EXPANDER(widget)) + '"';

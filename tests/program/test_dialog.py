@@ -16,7 +16,7 @@ from display_x11 import run_tool
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, wait_until
 from geometry_records import Record, Stored, shown, wait_for_place
 from monitor import MARKER_COLOR, TIMEOUT, Start, frame_place
-from settings_dialog import (DEFAULTS, ENGLISH, LANGUAGES, ORIENTATIONS, TEXTS, THEMES, SettingsDialog, assert_dialog_speaks,
+from settings_dialog import (DEFAULTS, ENGLISH, LANGUAGES, ORIENTATIONS, TEXTS, THEMES, TITLE_OFFSET, Dialog, SettingsDialog, assert_dialog_speaks,
                              assert_window_speaks, charts_in, click, columns_of, dialog_edges, gear, gear_in, is_horizontal,
                              main_window, named, wait_for_content, while_it_changes, window_edges)
 
@@ -270,23 +270,13 @@ def test_language(x11: XDisplay, start: Start, tmp_path: Path) -> None:
     assert_dialog_speaks(dialog, ENGLISH)
 
 
-def test_tooltip_of_the_gear_waits_for_a_rebuild(x11: XDisplay, start: Start, tmp_path: Path) -> None:
-    dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", MACHINE)
-    dialog.open()
-    dialog.choose_language("Deutsch")
-    button = gear(dialog.monitor)
-    assert (button.name, dialog.monitor.bus.descriptions([button.address])) == ("Einstellungen", ["Settings"])
-    dialog.choose_orientation("horizontal")
-    assert dialog.monitor.bus.descriptions([gear(dialog.monitor).address]) == ["Einstellungen"]
-
-
 def test_names_of_charts_are_not_told_again_and_again(x11: XDisplay, start: Start, tmp_path: Path) -> None:
     dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", {**MACHINE, "load": "waves"})
     monitor, bus = dialog.monitor, dialog.monitor.bus
     dialog.open()
     label = monitor.content().cards[0].percentage_label
     charts = [chart.address for chart in charts_in(main_window(monitor))]
-    with bus.name_changes() as changes:
+    with bus.changes() as changes:
         wait_until(lambda: len([change for change in changes() if change.address == label]) >= 3, TIMEOUT,
                    "the third percentage of a card")
         assert [change for change in changes() if change.address in charts] == []
@@ -481,7 +471,7 @@ def test_links(kind: Callable[[], Display], displays: ExitStack, start: Start, t
     (data / "mimeapps.list").write_text(f"[Default Applications]\n{SCHEMES}[Added Associations]\n{SCHEMES}")
     dialog = SettingsDialog.of_new_program(start, display, tmp_path / "kept", env={"XDG_DATA_HOME": str(folder / "data")})
     web, mail = dialog.open().links
-    for number, (link, uri) in enumerate(((web, web.name), (mail, f"mailto:{mail.name}")), 1):
+    for number, (link, uri) in enumerate(((web, f"https://{web.name}/"), (mail, f"mailto:{mail.name}")), 1):
         (dialog.click if isinstance(display, XDisplay) else dialog.press)(link)
         wait_until(lambda: len(list(folder.glob("called-*"))) == number, TIMEOUT, f"a call with {uri}")
         (record,) = [one for one in folder.glob("called-*") if one.read_text() == f"{uri}\n"]
@@ -586,3 +576,35 @@ def test_closed_colors_are_passed_over(x11: XDisplay, start: Start, tmp_path: Pa
         wait_for_focus(dialog, lambda: dialog.wait().links[0], "what comes behind the colours")
         if not again:
             opened = dialog.choose_language("Deutsch")
+
+
+def test_colors_open_and_close_again_and_again(x11: XDisplay, start: Start, tmp_path: Path) -> None:
+    dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", MACHINE)
+    opened = dialog.open()
+    focus(x11, dialog.window())
+    walk_to(x11, dialog, opened.expander)
+
+    def by_pointer() -> None:
+        title = dialog.monitor.bus.place(opened.expander.address)
+        x11.click(title.x + TITLE_OFFSET, title.y + opened.expander.rect.height // 2, window=dialog.window())
+
+    def by_keys() -> None:
+        x11.key("space")
+
+    def by_screen_reader() -> None:
+        dialog.press(dialog.wait().expander)
+    for toggle in (by_pointer, by_keys, by_screen_reader):
+        for _ in range(3):
+            toggle()
+            dialog.wait(lambda now: now.expanded and are_shown(dialog, now), "the colours")
+            toggle()
+            dialog.wait(lambda now: not now.expanded and not are_shown(dialog, now), "no colours")
+            x11.key("Tab")
+            wait_for_focus(dialog, lambda: dialog.wait().links[0], "what comes behind the colours")
+            x11.key("shift+Tab")
+            wait_for_focus(dialog, lambda: dialog.wait().expander, "the title of the colours")
+    assert dialog.monitor.complaints() == ""
+
+
+def are_shown(dialog: SettingsDialog, now: Dialog) -> bool:
+    return all(dialog.monitor.bus.have_state([row.button.address for row in now.colors], State.SHOWING))
