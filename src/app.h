@@ -255,6 +255,8 @@ private:
     /// Width that is left for cards, in pixels.
     int cards_width(int window_w) const;
     static void on_win_size_alloc(GtkWidget* widget, GtkAllocation* allocation, gpointer data);
+    /// "style-updated" handler of the info line and of the first card's title, for all: texts are chosen anew in the next allocation.
+    static void on_font_changed(GtkWidget* label, gpointer data);
     /// Default size of the window in horizontal orientation, in pixels.
     void default_horizontal_size(int& w, int& h) const;
     static int default_horizontal_columns() { return 1; }
@@ -347,7 +349,7 @@ private:
     std::int32_t m_pending_move_x = 0;    ///< where the delayed move of a rebuild will put the window
     std::int32_t m_pending_move_y = 0;
     std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
-    std::int32_t m_last_window_w = 0;
+    std::int32_t m_last_window_w = 0;  ///< likewise after a change of fonts
     bool m_is_window_closed = false;
     bool m_painting = false;  ///< inside draw_window()
     bool m_dark = false;      ///< the resolved theme; written by apply_theme() alone

@@ -121,6 +121,7 @@ GtkWidget* App::create_header_block()
     gtk_label_set_line_wrap_mode(GTK_LABEL(m_info_label), PANGO_WRAP_WORD_CHAR);
     gtk_label_set_max_width_chars(GTK_LABEL(m_info_label), 1);  // so that its text never asks for a wider window
     add_class(m_info_label, "info-line");
+    m_handlers.connect(m_info_label, "style-updated", G_CALLBACK(on_font_changed));
     gtk_box_pack_start(GTK_BOX(info_row), m_info_label, TRUE, TRUE, 0);
     gtk_box_pack_start(GTK_BOX(header), info_row, FALSE, FALSE, 0);
     return header;
@@ -158,6 +159,7 @@ void App::create_sections()
             GtkWidget* card = create_core_card(cpu_index, cluster.color_index);
             g_object_ref_sink(card);
             if (card_count() == 0) {
+                m_handlers.connect(widget_of(card, "name_label"), "style-updated", G_CALLBACK(on_font_changed));
                 m_handlers.connect(card, "style-updated", G_CALLBACK(forget_card_frames));
             }
             ui.cores.push_back({.card = card,
@@ -250,6 +252,13 @@ void App::place_in_row_boxes(int columns)
             ++row;
         }
     }
+}
+
+/// GTK gives one widget after the other its new font, and then allocates all of them: only there can they be measured.
+void App::on_font_changed(GtkWidget* label, gpointer data)
+{
+    static_cast<App*>(data)->m_last_window_w = 0;
+    gtk_widget_queue_resize(label);
 }
 
 void App::on_win_size_alloc(GtkWidget*, GtkAllocation* allocation, gpointer data)

@@ -103,6 +103,35 @@ struct OneCard : Change {
     OneCard() : Change({.clusters = {1}}) {}
 };
 
+struct TwoCardsInThreeColumns : Change {
+    TwoCardsInThreeColumns() : Change({.clusters = {2}, .columns = 3})
+    {
+        app.m_cpu_reader->m_cores.resize(2);
+        app.m_sys_metrics->m_mem_used_gb = 5.0;
+        app.m_sys_metrics->m_mem_total_gb = 16.0;
+    }
+
+    void show_at(int width)
+    {
+        ASSERT_TRUE(app.show());
+        gtk_window_resize(GTK_WINDOW(app.m_window), width, 400);
+        ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_window) == width; })) << width;
+        ASSERT_TRUE(settle(app.m_window));
+    }
+
+    /// By now every label knows its font, so measured again the same texts have to be chosen.
+    void expect_texts_that_fit(const std::string& when)
+    {
+        ASSERT_TRUE(settle(app.m_window));
+        const std::vector<std::string> titles = card_titles();
+        const std::string info = text_of(app.m_info_label);
+        app.fit_core_labels(gtk_widget_get_allocated_width(app.m_window));
+        app.update_info_line();
+        EXPECT_EQ(titles, card_titles()) << when;
+        EXPECT_EQ(info, text_of(app.m_info_label)) << when;
+    }
+};
+
 struct NarrowCards : Change {
     NarrowCards() : Change({.clusters = {9}, .columns = 3}) {}
 
@@ -286,6 +315,44 @@ TEST_F(NarrowCards, GetTheShortTitleWhereTheNewOneDoesNotFit)
     EXPECT_THAT(card_titles(), ElementsAre("1", "2", "3", "4", "5", "6", "7", "8", "9"));
     change("en");
     EXPECT_THAT(card_titles(), Each(HasSubstr("Core ")));
+}
+
+TEST_F(TwoCardsInThreeColumns, HaveTheTitlesThatFitInTheNewFont)
+{
+    speak("ar");
+    show_at(192);
+    change("en");
+    expect_texts_that_fit("Arabic to English");
+    show_at(186);
+    change("ja");
+    expect_texts_that_fit("English to Japanese");
+}
+
+TEST_F(TwoCardsInThreeColumns, HaveTheTextsThatFitInTheNewFontAtAnyWidth)
+{
+    ASSERT_TRUE(app.show());
+    for (int width = 160; width < 240; width += 4) {
+        show_at(width);
+        for (const char* const language : {"ja", "en"}) {
+            change(language);
+            expect_texts_that_fit(language + (" at " + std::to_string(width)));
+        }
+    }
+}
+
+TEST_F(TwoCardsInThreeColumns, FollowAFontThatTheDesktopChanges)
+{
+    GtkCssProvider* const desktop = gtk_css_provider_new();
+    GdkScreen* const screen = gdk_screen_get_default();
+    gtk_css_provider_load_from_data(desktop, ".core-label, .info-line { font-size: 14px; }", -1, nullptr);
+    for (int width = 160; width < 240; width += 4) {
+        show_at(width);
+        gtk_style_context_add_provider_for_screen(screen, GTK_STYLE_PROVIDER(desktop), GTK_STYLE_PROVIDER_PRIORITY_USER);
+        expect_texts_that_fit("a large font at " + std::to_string(width));
+        gtk_style_context_remove_provider_for_screen(screen, GTK_STYLE_PROVIDER(desktop));
+        expect_texts_that_fit("the usual font at " + std::to_string(width));
+    }
+    g_object_unref(desktop);
 }
 
 TEST_F(NarrowCards, KeepTheShortTitleWhereNoneFits)
