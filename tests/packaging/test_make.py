@@ -6,6 +6,8 @@ import os
 import pwd
 import re
 import shutil
+import tempfile
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
@@ -31,6 +33,14 @@ def moved(built: Path, tmp_path: Path) -> Path:
     return Path(shutil.copytree(built, tmp_path / "a moved tree", symlinks=True))
 
 
+@pytest.fixture
+def public() -> Iterator[Path]:
+    """A folder that other users may enter; pytest closes its own to them."""
+    with tempfile.TemporaryDirectory(prefix="vantric-make-") as folder:
+        os.chmod(folder, 0o755)
+        yield Path(folder)
+
+
 def owners(folder: Path) -> set[int]:
     return {path.lstat().st_uid for path in [folder, *folder.rglob("*")]}
 
@@ -38,15 +48,14 @@ def owners(folder: Path) -> set[int]:
 # --- whose the build is ---
 
 @needs_root
-def test_under_sudo_the_build_is_the_users(tmp_path: Path) -> None:
-    tree = lay(tmp_path / "home/checkout")
-    for path in [tmp_path, *tmp_path.rglob("*")]:
+def test_under_sudo_the_build_is_the_users(public: Path) -> None:
+    tree = lay(public / "home/checkout")
+    for path in [public, *public.rglob("*")]:
         os.chown(path, NOBODY.pw_uid, NOBODY.pw_gid)
-    open_to_all(tmp_path)
     sudo = {"SUDO_UID": str(NOBODY.pw_uid), "SUDO_GID": str(NOBODY.pw_gid)}
-    make(tree, "install", f"DESTDIR={tmp_path}/root", env=sudo, umask=0o077)
+    make(tree, "install", f"DESTDIR={public}/root", env=sudo, umask=0o077)
     assert owners(tree) == {NOBODY.pw_uid}
-    assert owners(tmp_path / "root") == {0}
+    assert owners(public / "root") == {0}
     for again in (["tools/build", "release"], ["make", "clean"]):
         done = run(tree, *again, user=NOBODY.pw_uid)
         assert done.returncode == 0, done.stdout
@@ -58,13 +67,6 @@ def test_only_packages_and_the_installation_are_roots_under_sudo() -> None:
     own = [step for step in steps if not step.startswith(("tools/ensure-packages ", "tools/install ", "tools/uninstall "))]
     assert len(own) > 10
     assert [step for step in own if not step.startswith("tools/as-user ")] == []
-
-
-def open_to_all(folder: Path) -> None:
-    """Folders of tests are closed to other users up to a certain height."""
-    for parent in [folder, *folder.parents]:
-        if parent.stat().st_uid in (os.geteuid(), NOBODY.pw_uid) and not parent.stat().st_mode & 0o001:
-            parent.chmod(0o755)
 
 
 @needs_root
@@ -131,17 +133,17 @@ def test_a_checkout_elsewhere_builds_again(built: Path, tmp_path: Path, copied: 
 
 @needs_root
 @pytest.mark.parametrize("target", ["install", "uninstall"])
-def test_without_rights_there_is_one_line(moved: Path, tmp_path: Path, target: str) -> None:
+def test_without_rights_there_is_one_line(built: Path, public: Path, target: str) -> None:
+    moved = Path(shutil.copytree(built, public / "tree", symlinks=True))
     for path in [moved, *moved.rglob("*")]:
         os.chown(path, NOBODY.pw_uid, NOBODY.pw_gid)
-    open_to_all(moved)
-    make(moved, "install", f"DESTDIR={tmp_path}/root")
-    done = run(moved, "make", "--no-print-directory", target, f"DESTDIR={tmp_path}/root", user=NOBODY.pw_uid)
+    make(moved, "install", f"DESTDIR={public}/root")
+    done = run(moved, "make", "--no-print-directory", target, f"DESTDIR={public}/root", user=NOBODY.pw_uid)
     assert done.returncode != 0
     assert len(done.stdout.splitlines()) == 2, done.stdout
     assert done.stdout.startswith("No right to write to "), done.stdout
     assert done.stdout.splitlines()[1].startswith("make: ***")
-    assert files_below(tmp_path / "root/usr/local") == sorted(INSTALLED)
+    assert files_below(public / "root/usr/local") == sorted(INSTALLED)
 
 
 def test_who_may_not_use_sudo_gets_one_line(tmp_path: Path) -> None:
