@@ -5,6 +5,7 @@
 
 #include "app.h"
 #include "build_config.h"
+#include "window_icon.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ void App::create_window()
     m_handlers.connect(m_window, "draw", G_CALLBACK(draw_window));
     m_handlers.connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc));
     build_layout();
+    queue_window_icon();
 }
 
 void App::initial_window_size(const WindowGeometry& stored, int& width, int& height) const

@@ -9,6 +9,7 @@ from pathlib import Path
 
 import pytest
 
+from display_x11 import run_tool
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, wait_until
 from monitor import TIMEOUT, TITLE, Monitor, Start, frame_place
 
@@ -103,6 +104,30 @@ def test_card_titles_shorten_where_they_do_not_fit(displays: ExitStack, start: S
     long, short = [f"Core {n}" for n in range(1, 13)], [str(n) for n in range(1, 13)]
     narrow = max(702, minimum(display, monitor.window)[0])
     assert [names(width) for width in (1900, narrow, 1900)] == [long, short, long]
+
+
+OWN_ICON = Path(__file__).resolve().parents[2] / "data/icons/vantric.svg"
+GREEN_ICON = '<svg xmlns="http://www.w3.org/2000/svg" width="64" height="64"><rect width="64" height="64" fill="#12ab56"/></svg>'
+
+
+@pytest.mark.parametrize("folder, picture", [("scalable", None), ("scalable", OWN_ICON.read_text()), ("48x48", GREEN_ICON)])
+def test_windows_have_their_icon(managed: XDisplay, start: Start, tmp_path: Path, folder: str, picture: str | None) -> None:
+    data = tmp_path / "data"
+    icons = data / "icons/hicolor" / folder / "apps"
+    icons.mkdir(parents=True)
+    if picture is not None:
+        (icons / "vantric.svg").write_text(picture)
+    monitor = start(managed, WIDE, env={"XDG_DATA_HOME": str(data)})
+
+    def icon() -> tuple[int, ...]:
+        text = run_tool(["xprop", "-id", str(monitor.window), "-notype", "32c", "_NET_WM_ICON"], managed.env)
+        return tuple(map(int, re.findall(r"\d+", text.partition("=")[2])))
+    wait_until(lambda: len(icon()) > 2, TIMEOUT, "the icon")
+    pixels = icon()
+    width, height = pixels[:2]
+    middle = pixels[2 + height // 2 * width + width // 2] & 0xFFFFFF
+    assert middle == (0x12AB56 if picture == GREEN_ICON else 0xFF5B4A)  # the meter in the middle
+    assert ("librsvg" in Path(f"/proc/{monitor.pid}/maps").read_text()) == (picture == GREEN_ICON)
 
 
 # --- Wayland ---
