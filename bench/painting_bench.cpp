@@ -61,7 +61,7 @@ void paint_on_screen(benchmark::State& state, const Size& size)
     const Canvas canvas(size);
     const std::deque<double> history = full_history();
     App app;
-    app.m_painting = true;
+    app.m_paints_own_canvas = true;
     for (auto _ : state) {
         app.paint_chart_on_screen(canvas.cr, size.width, size.height, history, App::group_color(0), App::freq_texts(3600), size.overlay);
     }

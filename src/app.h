@@ -11,9 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "chart_painter.h"
 #include "cpu_reader.h"
 #include "cpu_topology.h"
-#include "curve_coverage.h"
+#include "damage.h"
+#include "pixel_canvas.h"
 #include "system_metrics.h"
 #include "theme.h"
 #include "widget_building.h"
@@ -95,18 +97,20 @@ private:
         std::vector<CoreWidgets> cores;  ///< in the order of cpu_indices
     };
 
-    /// Background and border of all cards of one size, painted once: rounded corners cost more than the rest of a card.
-    struct CardFrame {
-        int width = 0;  ///< pixels of the interface, of which each is `scale` by `scale` on the screen
-        int height = 0;
+    /// What lies under the labels of all cards of one size, painted once: rounded corners cost more than the rest of a card.
+    struct TitleBackdrop {
+        int card_width = 0;  ///< in units of the interface, of which each is `scale` by `scale` pixels
+        int card_height = 0;
+        GdkRectangle area{};  ///< the labels' row in the card, with whatever ink leaves it
         int scale = 1;
         GtkStateFlags state{};
-        std::shared_ptr<cairo_surface_t> image;
+        bool is_opaque = false;             ///< a theme may let shine through what lies below the card
+        std::vector<std::uint32_t> pixels;  ///< ARGB32, row by row
 
-        bool operator==(const CardFrame& other) const
-        {
-            return width == other.width && height == other.height && scale == other.scale && state == other.state;
-        }
+        /// Whether it is of the same card; the result of painting does not count.
+        bool operator==(const TitleBackdrop& other) const;
+        /// Fills `pixels` and `is_opaque` from what is painted there of a card that begins at 0, 0.
+        void paint(const std::function<void(cairo_t*)>& paint_card);
     };
 
     static gboolean on_update(gpointer data);
@@ -151,12 +155,14 @@ private:
 
     /// "draw" handler of the window: paints it in memory, at the scale of the screen, and puts that up in one piece.
     static gboolean draw_window(GtkWidget* window, cairo_t* cr, gpointer data);
-    /// "draw" handler of a card: puts its frame under its children, from a picture that all cards of its size share.
-    static gboolean draw_card(GtkWidget* card, cairo_t* cr, gpointer data);
+    bool paint_through_image(cairo_t* screen);
+    void paint_window(cairo_t* cr);
+    bool is_readings_alone(const Damage& damage, const PixelCanvas& canvas);
+    void paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidgets& core, const Damage& damage);
+    /// Borrowed, until the next call.
+    const TitleBackdrop& title_backdrop(const CoreWidgets& core, int scale);
     /// "style-updated" handler of the very first card, for all.
-    static void forget_card_frames(GtkWidget* card, gpointer data);
-    /// Background and border of a card, for a canvas such as `cr`. Borrowed, until the next call.
-    cairo_surface_t* card_frame(GtkWidget* card, cairo_t* cr);
+    static void forget_title_backdrops(GtkWidget* card, gpointer data);
 
     // --- app_charts.cpp: painting; reads m_cache and takes no lock ---
 
@@ -166,13 +172,6 @@ private:
     /// text behind the curve, longest first; `pct_overlay` the load shown in the corner, or a negative number for none.
     static void paint_chart(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent, const Palette& pal,
                             const std::vector<std::string>& ghost, double pct_overlay);
-    /// The same, the curve and the area under it being left to `paint_curve`.
-    static void paint_chart_around(cairo_t* cr, int w, int h, const Palette& pal, const std::vector<std::string>& ghost, double pct_overlay,
-                                   const std::function<void()>& paint_curve);
-    /// Paints the same a good deal faster, to the eye no different, if the chart is as small as those of cards and `cr` is the window's own
-    /// painting in memory; else by paint_chart().
-    void paint_chart_on_screen(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent,
-                               const std::vector<std::string>& ghost, double pct_overlay);
     /// Paints the longest candidate that can be read at that size, if any.
     static void draw_ghost(cairo_t* cr, int w, int h, const std::vector<std::string>& candidates, const Palette& pal);
     static void draw_ghost_text(cairo_t* cr, int w, int h, const std::string& text, double size, const Palette& pal);
@@ -184,6 +183,8 @@ private:
     static Rgb group_color(int index);
     Palette palette() const { return Palette::for_theme(m_dark); }
     double total_frequency() const;
+    /// What the chart widget shows, in that area.
+    ChartPainter::Chart chart_of(GtkWidget* chart, const GdkRectangle& area) const;
 
     // --- app_status.cpp: throttle label and info line ---
 
@@ -337,8 +338,8 @@ private:
     GtkWidget* m_col_label = nullptr;  ///< the number of columns in the dialog
     GtkCssProvider* m_css = nullptr;   ///< owned
     std::vector<ClusterUI> m_clusters_ui;
-    std::vector<CardFrame> m_card_frames;
-    CurveCoverage m_curve_coverage;
+    std::vector<TitleBackdrop> m_title_backdrops;
+    ChartPainter m_chart_painter;
     Cache m_cache;
     std::unique_ptr<CPUReader> m_cpu_reader;
     std::unique_ptr<SystemMetrics> m_sys_metrics;
@@ -351,8 +352,8 @@ private:
     std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
     std::int32_t m_last_window_w = 0;  ///< likewise after a change of fonts
     bool m_is_window_closed = false;
-    bool m_painting = false;  ///< inside draw_window()
-    bool m_dark = false;      ///< the resolved theme; written by apply_theme() alone
-    guint m_portal_sub = 0;   ///< subscription to the portal's signal; 0 if there is none
+    bool m_paints_own_canvas = false;  ///< inside draw_window(), on pixels in memory; written there, read by it and by draw_chart()
+    bool m_dark = false;               ///< the resolved theme; written by apply_theme() alone
+    guint m_portal_sub = 0;            ///< subscription to the portal's signal; 0 if there is none
     const Handlers m_handlers{this};
 };

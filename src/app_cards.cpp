@@ -3,7 +3,9 @@
 
 #include "app.h"
 #include "i18n.h"
+#include "layout_boundary.h"
 #include "spoken_widgets.h"
+#include "tick_label.h"
 #include "widget_building.h"
 
 namespace {
@@ -54,7 +56,6 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
     add_class(card, "core-card");
     gtk_widget_set_hexpand(card, TRUE);
     gtk_widget_set_vexpand(card, TRUE);
-    m_handlers.connect(card, "draw", G_CALLBACK(draw_card));
 
     GtkWidget* title_row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
     // A screen reader is told the whole title, also where only the number fits
@@ -65,11 +66,11 @@ GtkWidget* App::create_core_card(int cpu_index, int color_index)
     add_class(name_label, "core-label");
     gtk_label_set_ellipsize(GTK_LABEL(name_label), PANGO_ELLIPSIZE_END);
     pack_start(title_row, name_label, Fill::YES);
-    GtkWidget* pct_label = gtk_label_new("0%");
-    gtk_label_set_use_markup(GTK_LABEL(pct_label), TRUE);
+    GtkWidget* pct_label = tick_label_new("0%");
     add_class(pct_label, "pct-label");
     pack_end(title_row, pct_label);
     gtk_label_set_mnemonic_widget(GTK_LABEL(name_label), pct_label);  // for screen readers
+    make_layout_boundary(title_row);                                  // the percentage changes with each tick, its width hardly ever
     pack_start(card, title_row, Fill::NO);
 
     GtkWidget* chart = create_chart({cpu_index, color_index}, CARD_CHART_MIN_HEIGHT);
@@ -188,6 +189,7 @@ GtkWidget* App::create_status_row(GtkWidget* panel)
     pack_start(row, m_right_info_label, Fill::NO, STATUS_LABEL_PADDING);
     m_throttle_label = create_markup_label(1.0, "throttle-label");
     pack_end(row, m_throttle_label, STATUS_LABEL_PADDING);
+    make_layout_boundary(row);
     return row;
 }
 

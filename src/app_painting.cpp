@@ -1,122 +1,271 @@
-/// How the window gets onto the screen: painted in memory, and put up in one piece.
+/// How the window gets onto the screen. A tick changes charts and percentages and little else, so these have a short way of their own.
+///
+/// | Canvas                                       | Window                                        | Cards after a tick  | Charts          |
+/// |----------------------------------------------|-----------------------------------------------|---------------------|-----------------|
+/// | X11 with memory that the server shares       | in an image there, put up in one piece        | paint_card_readings | ChartPainter    |
+/// | Wayland: an image already                    | on that                                       | paint_card_readings | ChartPainter    |
+/// | X11 without such memory, as through ssh -X   | GTK: a picture each second is a lot to send   | GTK                 | paint_chart     |
+/// | somebody else's: a picture, a file, a printer| GTK                                           | GTK                 | paint_chart     |
+///
+/// The first two are our own canvas, m_paints_own_canvas. All ways lead to the same picture.
 #include <algorithm>
+#include <utility>
 
 #include "app.h"
+#include "pixel_canvas.h"
 
 namespace {
 
-constexpr int MAX_CARD_FRAME_PIXELS = 1 << 14;  // pictures of larger cards would cost more memory than they save time
-constexpr std::size_t MAX_CARD_FRAMES = 8;      // cards of a window differ by a pixel; after that it is sizes that are no longer shown
+constexpr std::size_t MAX_TITLE_BACKDROPS = 8;  // cards of a window differ by a pixel; after that it is sizes that are no longer shown
 
-/// Limits painting on `cr` to what is to be painted anew on `screen`.
-void take_clip(cairo_t* cr, cairo_t* screen)
+GdkRectangle allocation_of(GtkWidget* widget)
 {
-    cairo_rectangle_list_t* list = cairo_copy_clip_rectangle_list(screen);
-    for (int i = 0; i < list->num_rectangles; ++i) {
-        const cairo_rectangle_t& part = list->rectangles[i];
-        cairo_rectangle(cr, part.x, part.y, part.width, part.height);
-    }
-    cairo_rectangle_list_destroy(list);
-    cairo_clip(cr);
+    GtkAllocation allocation;
+    gtk_widget_get_allocation(widget, &allocation);
+    return allocation;
 }
 
-/// Paints into an image in memory which the X server can read, and lets the server copy that. Painted straight on a surface of the server,
-/// each curve would travel there as a mask, and the server would do much of the work.
-void paint_through_image(GtkWidget* window, cairo_t* screen)
+/// The allocation, with whatever ink of a text leaves it.
+GdkRectangle clip_of(GtkWidget* widget)
 {
-    GdkRectangle area;
-    if (!gdk_cairo_get_clip_rectangle(screen, &area)) {
-        return;
-    }
-    const bool is_opaque = cairo_surface_get_content(cairo_get_target(screen)) == CAIRO_CONTENT_COLOR;
-    const int scale = gtk_widget_get_scale_factor(window);
-    cairo_surface_t* image =
-        gdk_window_create_similar_image_surface(gtk_widget_get_window(window), is_opaque ? CAIRO_FORMAT_RGB24 : CAIRO_FORMAT_ARGB32,
-                                                area.width * scale, area.height * scale, scale);
-    cairo_t* cr = cairo_create(image);
-    cairo_translate(cr, -area.x, -area.y);
-    take_clip(cr, screen);
-    gtk_widget_draw(window, cr);
-    cairo_destroy(cr);
-    cairo_set_operator(screen, CAIRO_OPERATOR_SOURCE);
-    cairo_set_source_surface(screen, image, area.x, area.y);
-    cairo_paint(screen);
-    cairo_surface_destroy(image);
+    GtkAllocation clip;
+    gtk_widget_get_clip(widget, &clip);
+    return clip;
 }
 
-/// Paints background and border of a card where GTK would: inside the margin.
-void render_frame(GtkWidget* card, cairo_t* cr, int width, int height)
+/// Paints a widget where it stands in its window.
+void draw_in_place(GtkWidget* widget, cairo_t* cr)
 {
-    GtkStyleContext* style = gtk_widget_get_style_context(card);
+    const GdkRectangle place = allocation_of(widget);
+    cairo_save(cr);
+    cairo_translate(cr, place.x, place.y);
+    gtk_widget_draw(widget, cr);
+    cairo_restore(cr);
+}
+
+/// Paints background and border of a widget of that size where GTK would: inside the margin.
+void render_box(GtkWidget* widget, cairo_t* cr, const GdkRectangle& place)
+{
+    GtkStyleContext* const style = gtk_widget_get_style_context(widget);
     GtkBorder margin;
     gtk_style_context_get_margin(style, gtk_style_context_get_state(style), &margin);
-    const int inner_width = width - margin.left - margin.right;
-    const int inner_height = height - margin.top - margin.bottom;
-    gtk_render_background(style, cr, margin.left, margin.top, inner_width, inner_height);
-    gtk_render_frame(style, cr, margin.left, margin.top, inner_width, inner_height);
+    const int x = place.x + margin.left;
+    const int y = place.y + margin.top;
+    const int width = place.width - margin.left - margin.right;
+    const int height = place.height - margin.top - margin.bottom;
+    gtk_render_background(style, cr, x, y, width, height);
+    gtk_render_frame(style, cr, x, y, width, height);
 }
+
+/// The box with a card's name and percentage.
+GtkWidget* title_row_of(const auto& core)
+{
+    return gtk_widget_get_parent(core.pct_label);
+}
+
+/// Copies those units of a backdrop that stands at `place`.
+void copy_pixels(const auto& backdrop, const GdkRectangle& place, const PixelCanvas& canvas, const GdkRectangle& part)
+{
+    const GdkRectangle pixels = canvas.pixels_of(part);
+    const int left = canvas.x + place.x * canvas.scale;
+    const int top = canvas.y + place.y * canvas.scale;
+    const auto stride = static_cast<std::ptrdiff_t>(place.width) * canvas.scale;
+    for (int y = pixels.y; y < pixels.y + pixels.height; ++y) {
+        std::copy_n(backdrop.pixels.data() + (y - top) * stride + (pixels.x - left), pixels.width, canvas.row(y) + pixels.x);
+    }
+    canvas.mark_dirty();
+}
+
+/// Lets texts look as they do on that surface: its hinting, smoothing and order of subpixels are the screen's.
+void set_font_options_of(cairo_surface_t* surface, cairo_t* cr)
+{
+    cairo_font_options_t* const options = cairo_font_options_create();
+    cairo_surface_get_font_options(surface, options);
+    cairo_set_font_options(cr, options);
+    cairo_font_options_destroy(options);
+}
+
+/// Sets a flag for the time of its life.
+class Flagged {
+public:
+    explicit Flagged(bool& flag) : m_flag(flag) { m_flag = true; }
+    ~Flagged() { m_flag = false; }
+    Flagged(const Flagged&) = delete;
+    Flagged& operator=(const Flagged&) = delete;
+
+private:
+    bool& m_flag;
+};
 
 }  // namespace
 
-gboolean App::draw_window(GtkWidget* window, cairo_t* cr, gpointer data)
+gboolean App::draw_window(GtkWidget*, cairo_t* cr, gpointer data)
 {
     App& app = *static_cast<App*>(data);
     const bool is_on_screen = gdk_cairo_get_drawing_context(cr) != nullptr;
-    if (app.m_painting || !is_on_screen) {
+    if (app.m_paints_own_canvas || !is_on_screen) {
         return FALSE;  // GTK's turn: asked for by ourselves, or for a canvas of somebody else's, of whatever scale
     }
-    app.m_painting = true;
     if (cairo_surface_get_type(cairo_get_target(cr)) == CAIRO_SURFACE_TYPE_XLIB) {
-        paint_through_image(window, cr);
-    } else {
-        gtk_widget_draw(window, cr);  // in memory already
+        return app.paint_through_image(cr);
     }
-    app.m_painting = false;
+    app.paint_window(cr);
     return TRUE;
 }
 
-gboolean App::draw_card(GtkWidget* card, cairo_t* cr, gpointer data)
+/// Paints into an image in memory which the X server can read, and lets the server copy that. Painted straight on a surface of the server,
+/// each curve would travel there as a mask, and the server would do much of the work. False, with nothing painted, without such memory.
+bool App::paint_through_image(cairo_t* screen)
 {
-    App& app = *static_cast<App*>(data);
-    const int pixels = gtk_widget_get_allocated_width(card) * gtk_widget_get_allocated_height(card);
-    if (!app.m_painting || pixels > MAX_CARD_FRAME_PIXELS) {
-        return FALSE;  // GTK's turn: a canvas of somebody else's, or a window with few cards
+    const std::optional<Damage> damage = Damage::of(screen);
+    if (!damage || damage->is_empty()) {
+        return false;
     }
-    cairo_set_source_surface(cr, app.card_frame(card, cr), 0, 0);
-    cairo_paint(cr);
-    const auto paint_child = [](GtkWidget* child, gpointer canvas) {
-        gtk_container_propagate_draw(GTK_CONTAINER(gtk_widget_get_parent(child)), child, static_cast<cairo_t*>(canvas));
-    };
-    gtk_container_forall(GTK_CONTAINER(card), paint_child, cr);
-    return TRUE;
-}
-
-void App::forget_card_frames(GtkWidget*, gpointer data)
-{
-    static_cast<App*>(data)->m_card_frames.clear();
-}
-
-cairo_surface_t* App::card_frame(GtkWidget* card, cairo_t* cr)
-{
-    const CardFrame key{.width = gtk_widget_get_allocated_width(card),
-                        .height = gtk_widget_get_allocated_height(card),
-                        .scale = gtk_widget_get_scale_factor(card),
-                        .state = gtk_widget_get_state_flags(card),
-                        .image = nullptr};
-    const auto known = std::find(m_card_frames.begin(), m_card_frames.end(), key);
-    if (known != m_card_frames.end()) {
-        return known->image.get();
-    }
-    if (m_card_frames.size() == MAX_CARD_FRAMES) {
-        m_card_frames.clear();
-    }
-    CardFrame& frame = m_card_frames.emplace_back(key);
-    frame.image.reset(
-        cairo_surface_create_similar_image(cairo_get_target(cr), CAIRO_FORMAT_ARGB32, key.width * key.scale, key.height * key.scale),
+    cairo_surface_t* const target = cairo_get_target(screen);
+    const GdkRectangle area = damage->bounds();
+    const bool is_opaque = cairo_surface_get_content(target) == CAIRO_CONTENT_COLOR;
+    const int scale = gtk_widget_get_scale_factor(m_window);
+    const std::unique_ptr<cairo_surface_t, void (*)(cairo_surface_t*)> image(
+        gdk_window_create_similar_image_surface(gtk_widget_get_window(m_window), is_opaque ? CAIRO_FORMAT_RGB24 : CAIRO_FORMAT_ARGB32,
+                                                area.width * scale, area.height * scale, scale),
         cairo_surface_destroy);
-    cairo_surface_set_device_scale(frame.image.get(), key.scale, key.scale);
-    cairo_t* canvas = cairo_create(frame.image.get());
-    render_frame(card, canvas, key.width, key.height);
-    cairo_destroy(canvas);
-    return frame.image.get();
+    if (cairo_surface_get_device(image.get()) == nullptr) {
+        return false;  // an image of the program's own, which cairo would have to send
+    }
+    cairo_t* const cr = cairo_create(image.get());
+    set_font_options_of(target, cr);
+    cairo_translate(cr, -area.x, -area.y);
+    damage->clip(cr);
+    paint_window(cr);
+    cairo_destroy(cr);
+    cairo_set_operator(screen, CAIRO_OPERATOR_SOURCE);
+    cairo_set_source_surface(screen, image.get(), area.x, area.y);
+    cairo_paint(screen);
+    return true;
+}
+
+/// Paints what the clip leaves to be painted, on an image.
+void App::paint_window(cairo_t* cr)
+{
+    const Flagged own(m_paints_own_canvas);
+    const std::optional<PixelCanvas> canvas = PixelCanvas::of(cr);
+    const std::optional<Damage> damage = Damage::of(cr);
+    if (!canvas || !damage || !is_readings_alone(*damage, *canvas)) {
+        gtk_widget_draw(m_window, cr);
+        return;
+    }
+    const GdkRectangle grid = allocation_of(m_core_grid);
+    if (damage->area_within(grid) < damage->area()) {
+        cairo_save(cr);
+        damage->clip_without(cr, grid);
+        gtk_widget_draw(m_window, cr);
+        cairo_restore(cr);
+    }
+    cairo_save(cr);
+    cairo_reset_clip(cr);  // one of hundreds of rectangles would cost more than it saves; what is painted beside them is not put up
+    for (const ClusterUI& ui : m_clusters_ui) {
+        for (const CoreWidgets& core : ui.cores) {
+            paint_readings(cr, *canvas, core, *damage);
+        }
+    }
+    cairo_restore(cr);
+}
+
+/// Whether nothing of the cards is to be painted but charts and title rows. These can be painted with no regard to what lies under them.
+bool App::is_readings_alone(const Damage& damage, const PixelCanvas& canvas)
+{
+    Damage::Area readings = 0;
+    std::vector<const CoreWidgets*> titled;
+    for (const ClusterUI& ui : m_clusters_ui) {
+        for (const CoreWidgets& core : ui.cores) {
+            const Damage::Area title = damage.area_within(clip_of(title_row_of(core)));
+            readings += title + damage.area_within(allocation_of(core.chart));
+            if (title > 0) {
+                titled.push_back(&core);
+            }
+        }
+    }
+    return readings > 0 && readings == damage.area_within(allocation_of(m_core_grid)) &&
+           std::all_of(titled.begin(), titled.end(),
+                       [&](const CoreWidgets* core) { return title_backdrop(*core, canvas.scale).is_opaque; });
+}
+
+void App::paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidgets& core, const Damage& damage)
+{
+    const GdkRectangle chart = allocation_of(core.chart);
+    if (damage.area_within(chart) > 0) {
+        m_chart_painter.paint(cr, canvas, chart_of(core.chart, chart), palette());
+    }
+    const GdkRectangle percentage = clip_of(core.pct_label);
+    const GdkRectangle title = clip_of(title_row_of(core));
+    const Damage::Area damaged = damage.area_within(title);
+    if (damaged == 0) {
+        return;
+    }
+    const bool is_name_damaged = damaged > damage.area_within(percentage);
+    copy_pixels(title_backdrop(core, canvas.scale), title, canvas, is_name_damaged ? title : percentage);
+    if (is_name_damaged) {
+        draw_in_place(core.name_label, cr);
+    }
+    draw_in_place(core.pct_label, cr);
+}
+
+/// What lies under the labels of a card, the same for all cards of a size.
+const App::TitleBackdrop& App::title_backdrop(const CoreWidgets& core, int scale)
+{
+    GtkWidget* const row = title_row_of(core);
+    const GdkRectangle card = allocation_of(core.card);
+    const GdkRectangle title = clip_of(row);
+    const TitleBackdrop key{.card_width = card.width,
+                            .card_height = card.height,
+                            .area = {title.x - card.x, title.y - card.y, title.width, title.height},
+                            .scale = scale,
+                            .state = gtk_widget_get_state_flags(core.card),
+                            .is_opaque = false,
+                            .pixels = {}};
+    const auto known = std::find(m_title_backdrops.begin(), m_title_backdrops.end(), key);
+    if (known != m_title_backdrops.end()) {
+        return *known;
+    }
+    if (m_title_backdrops.size() == MAX_TITLE_BACKDROPS) {
+        m_title_backdrops.clear();
+    }
+    TitleBackdrop& backdrop = m_title_backdrops.emplace_back(key);
+    GdkRectangle row_place = allocation_of(row);
+    row_place.x -= card.x;
+    row_place.y -= card.y;
+    backdrop.paint([&](cairo_t* cr) {
+        render_box(core.card, cr, {0, 0, card.width, card.height});
+        render_box(row, cr, row_place);
+    });
+    return backdrop;
+}
+
+void App::forget_title_backdrops(GtkWidget*, gpointer data)
+{
+    static_cast<App*>(data)->m_title_backdrops.clear();
+}
+
+bool App::TitleBackdrop::operator==(const TitleBackdrop& other) const
+{
+    return card_width == other.card_width && card_height == other.card_height && gdk_rectangle_equal(&area, &other.area) &&
+           scale == other.scale && state == other.state;
+}
+
+void App::TitleBackdrop::paint(const std::function<void(cairo_t*)>& paint_card)
+{
+    cairo_surface_t* const image = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, area.width * scale, area.height * scale);
+    cairo_surface_set_device_scale(image, scale, scale);
+    cairo_t* const cr = cairo_create(image);
+    cairo_translate(cr, -area.x, -area.y);
+    paint_card(cr);
+    if (const std::optional<PixelCanvas> canvas = PixelCanvas::of(cr)) {
+        for (int y = 0; y < canvas->clip.height; ++y) {
+            pixels.insert(pixels.end(), canvas->row(y), canvas->row(y) + canvas->clip.width);
+        }
+    }
+    cairo_destroy(cr);
+    cairo_surface_destroy(image);
+    constexpr std::uint32_t OPAQUE = 0xFF000000;
+    is_opaque = !pixels.empty() && std::all_of(pixels.begin(), pixels.end(), [](std::uint32_t p) { return (p & OPAQUE) == OPAQUE; });
 }

@@ -198,7 +198,7 @@ void CurveOutline::Side::begin(Piece& piece, std::size_t i) const
 {
     const Point& place = m_outline.m_curve[i];
     const Segment& segment = m_outline.m_segments[i];
-    const bool goes_down = segment.dy * double{m_sign} > 0;
+    const bool goes_down = segment.dy * static_cast<double>(m_sign) > 0;
     if (i > 0 && is_outer(m_outline.m_bends[i - 1])) {
         const Bend& bend = m_outline.m_bends[i - 1];
         if (bend.join == Join::miter) {
@@ -217,7 +217,7 @@ void CurveOutline::Side::end(Piece& piece, std::size_t i) const
 {
     const Point& place = m_outline.m_curve[i + 1];
     const Segment& segment = m_outline.m_segments[i];
-    const bool goes_up = segment.dy * double{m_sign} < 0;
+    const bool goes_up = segment.dy * static_cast<double>(m_sign) < 0;
     const bool is_last = i == m_outline.m_bends.size();
     piece.add(at(place, normal_at_end(i)));
     if (goes_up && (is_last || !is_outer(m_outline.m_bends[i]))) {

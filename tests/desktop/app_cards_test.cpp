@@ -210,7 +210,7 @@ TEST_F(SectionHeader, IsAColourBarATitleAndACaption)
 {
     const Owned header(app.create_section_header(cluster("Performance", 8, 5700.0)));
     EXPECT_THAT(describe(header.widget), ElementsAre("box horizontal spacing 5 hexpand .section-header",  //
-                                                     "- start: VantricDecoration request 3x14",              //
+                                                     "- start: VantricDecoration request 3x14",           //
                                                      "- start: label \"Performance (8)\" xalign 0 .group-name",
                                                      "- start: label \"" + localized("5.700 GHz") + "\" xalign 0 .group-freq"));
 }

@@ -461,6 +461,7 @@ TEST_F(Signals, WithoutAWindowGtkComplainsAndTheSaveGoesOnWithWhatItGot)
 {
     App app;
     run(app, [&] { gtk_widget_destroy(app.m_window); });
+    app.m_is_window_closed = false;  // as if it had never been there
     store(VERTICAL, {70, 80, 303, 404}, 3);
     struct sigaction action = {};
     sigaction(SIGTERM, nullptr, &action);

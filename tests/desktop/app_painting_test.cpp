@@ -1,5 +1,5 @@
-/// The way of the window onto the screen: painted in memory, with the frames of cards from shared pictures. What comes of it has to be
-/// what GTK paints by itself.
+/// The way of the window onto the screen: painted in memory, and after a tick nothing of the cards but what the tick has changed. What comes
+/// of it has to be what GTK paints by itself.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -16,6 +16,7 @@ using testing::SizeIs;
 namespace {
 
 constexpr int ROUNDING = 3;  // levels of a channel, where translucent colours lie over each other
+constexpr int CURVES = 16;   // likewise, between cairo's way of painting curves and the program's
 
 const Shape SMALL_CARDS{.clusters = {10, 6}, .columns = 2};
 const Shape LARGE_CARDS{.clusters = {1}};
@@ -28,16 +29,12 @@ void forbid(GtkWidget* widget, Draw* handler)
         g_signal_handlers_disconnect_matched(widget, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr, reinterpret_cast<gpointer>(handler), nullptr), 1U);
 }
 
-/// The window on a canvas of the test's, by GTK alone: without the program's own ways of painting windows and cards.
+/// The window by GTK alone: without the program's own ways of painting.
 Picture painted_by_gtk(App& app, int zoom)
 {
     forbid(app.m_window, App::draw_window);
-    for (const auto& ui : app.m_clusters_ui) {
-        for (const auto& core : ui.cores) {
-            forbid(core.card, App::draw_card);
-        }
-    }
     Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window), zoom);
+    take_font_options(app.m_window, picture.cr());
     gtk_widget_draw(app.m_window, picture.cr());
     return picture;
 }
@@ -57,7 +54,45 @@ void expect_as_by_gtk(App& app)
     EXPECT_LE(distance.largest, ROUNDING);
 }
 
-class Frames : public IdleAppTest {
+/// Gives each CPU another load and clock, and lets the tick show them.
+void tick(App& app, int number)
+{
+    const int cpus = app.card_count();
+    auto& reader = *app.m_cpu_reader;
+    reader.m_cores.resize(static_cast<std::size_t>(cpus));
+    for (int cpu = 0; cpu < cpus; ++cpu) {
+        CoreStats& core = reader.m_cores[static_cast<std::size_t>(cpu)];
+        core.usage = (7 * cpu + 31 * number) % 101 / 100.0;
+        core.history.push_back(core.usage);
+    }
+    reader.m_total_history.push_back(number % 10 / 10.0);
+    app.m_sys_metrics->m_frequencies.assign(static_cast<std::size_t>(cpus), 2000.0 + 100 * number);
+    app.update();
+}
+
+/// Lets some ticks pass, and compares what then stands on the screen with GTK's painting. Says how many of the ticks took the short way.
+int expect_ticks_as_by_gtk(App& app, int ticks = 3)
+{
+    for (int i = 0; i < 20; ++i) {
+        tick(app, i);  // all percentages of two digits by then, or nearly
+    }
+    gtk_widget_queue_draw(app.m_window);
+    EXPECT_TRUE(settle(app.m_window));
+    int short_ways = 0;
+    for (int i = 0; i < ticks; ++i) {
+        app.m_title_backdrops.clear();
+        tick(app, 20 + i);
+        EXPECT_TRUE(settle(app.m_window));
+        short_ways += app.m_title_backdrops.empty() ? 0 : 1;
+    }
+    const Screenshot screen(app.m_window);
+    const Distance distance(screen, painted_by_gtk(app));
+    EXPECT_LE(distance.largest, CURVES);
+    EXPECT_LE(distance.mean, 0.2);
+    return short_ways;
+}
+
+class WindowOnScreen : public IdleAppTest {
 protected:
     static void apply(App& app, const char* theme)
     {
@@ -66,11 +101,42 @@ protected:
     }
 };
 
-class WindowOnScreen : public Frames {};
+class TickOnScreen : public WindowOnScreen {
+protected:
+    /// Shows a window of that shape and lets it tick.
+    static void expect_short_way(const Shape& shape, const char* theme = "light")
+    {
+        IdleApp app(shape);
+        apply(app, theme);
+        ASSERT_TRUE(app.show());
+        EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
+    }
+};
 
 class ScaledWindowOnScreen : public DesktopTest {
 protected:
     const ScopedEnv scale{"GDK_SCALE", "2"};
+};
+
+/// A stylesheet that stands above the program's, as a user's own does.
+class UserStyle {
+public:
+    explicit UserStyle(const char* css)
+    {
+        gtk_css_provider_load_from_data(m_provider, css, -1, nullptr);
+        gtk_style_context_add_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(m_provider),
+                                                  GTK_STYLE_PROVIDER_PRIORITY_USER);
+    }
+    ~UserStyle()
+    {
+        gtk_style_context_remove_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(m_provider));
+        g_object_unref(m_provider);
+    }
+    UserStyle(const UserStyle&) = delete;
+    UserStyle& operator=(const UserStyle&) = delete;
+
+private:
+    GtkCssProvider* const m_provider = gtk_css_provider_new();
 };
 
 }  // namespace
@@ -83,7 +149,6 @@ TEST_F(WindowOnScreen, IsWhatGtkPaints)
         apply(app, theme);
         ASSERT_TRUE(app.show());
         expect_as_by_gtk(app);
-        EXPECT_FALSE(app.m_card_frames.empty());
     }
 }
 
@@ -93,18 +158,6 @@ TEST_F(WindowOnScreen, IsWhatGtkPaintsWithLargeCards)
     apply(app, "light");
     ASSERT_TRUE(app.show());
     expect_as_by_gtk(app);
-    EXPECT_THAT(app.m_card_frames, IsEmpty()) << "a picture of a large card takes more memory than it saves time";
-}
-
-TEST_F(ScaledWindowOnScreen, IsWhatGtkPaintsInFullResolution)
-{
-    gtk_init(nullptr, nullptr);
-    IdleApp app(SMALL_CARDS);
-    app.apply_theme();
-    ASSERT_TRUE(app.show());
-    ASSERT_EQ(gtk_widget_get_scale_factor(app.m_window), 2);
-    expect_as_by_gtk(app);
-    EXPECT_FALSE(app.m_card_frames.empty());
 }
 
 TEST_F(WindowOnScreen, FollowsAChangeOfTheme)
@@ -113,46 +166,6 @@ TEST_F(WindowOnScreen, FollowsAChangeOfTheme)
     apply(app, "light");
     ASSERT_TRUE(app.show());
     apply(app, "dark");
-    expect_as_by_gtk(app);
-}
-
-TEST_F(WindowOnScreen, FollowsAColourOfThePanels)
-{
-    IdleApp app(SMALL_CARDS);
-    apply(app, "light");
-    ASSERT_TRUE(app.show());
-    SettingsStore::instance().mutable_get().panel_light = "#3080D0";
-    app.apply_theme();
-    expect_as_by_gtk(app);
-}
-
-TEST_F(WindowOnScreen, FollowsAChangeOfThemeBehindASectionWithoutCards)
-{
-    IdleApp app(Shape{.clusters = {0, 6}, .columns = 2});
-    apply(app, "light");
-    ASSERT_TRUE(app.show());
-    ASSERT_FALSE(app.m_card_frames.empty());
-    apply(app, "dark");
-    expect_as_by_gtk(app);
-}
-
-TEST_F(WindowOnScreen, IsWhatGtkPaintsFromRightToLeft)
-{
-    speak("ar");
-    IdleApp app(SMALL_CARDS);
-    apply(app, "light");
-    ASSERT_TRUE(app.show());
-    expect_as_by_gtk(app);
-}
-
-TEST_F(WindowOnScreen, FollowsItsSize)
-{
-    IdleApp app(SMALL_CARDS);
-    apply(app, "light");
-    ASSERT_TRUE(app.show());
-    const int width = gtk_widget_get_allocated_width(app.m_window);
-    gtk_window_resize(GTK_WINDOW(app.m_window), width + 61, gtk_widget_get_allocated_height(app.m_window));
-    ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_window) == width + 61; }));
     expect_as_by_gtk(app);
 }
 
@@ -167,27 +180,152 @@ TEST_F(WindowOnScreen, KeepsWhatIsNotPaintedAnew)
     EXPECT_LE(Distance(screen, painted_by_gtk(app)).largest, ROUNDING);
 }
 
-TEST_F(Frames, AreSharedByCardsOfOneSize)
+TEST_F(TickOnScreen, IsWhatGtkPaints)
+{
+    expect_short_way(SMALL_CARDS);
+}
+
+TEST_F(TickOnScreen, IsWhatGtkPaintsInTheDark)
+{
+    expect_short_way(SMALL_CARDS, "dark");
+}
+
+TEST_F(TickOnScreen, IsWhatGtkPaintsWithLargeCards)
+{
+    expect_short_way({.clusters = {2}});
+}
+
+TEST_F(TickOnScreen, IsWhatGtkPaintsInRowsOfCards)
+{
+    expect_short_way({.clusters = {10, 6}, .horizontal = true, .columns = 4});
+}
+
+TEST_F(TickOnScreen, IsWhatGtkPaintsInASingleRow)
+{
+    expect_short_way({.clusters = {10, 6}, .horizontal = true, .columns = 1});
+}
+
+TEST_F(TickOnScreen, IsWhatGtkPaintsOfManyCards)
+{
+    expect_short_way({.clusters = {64}, .columns = 8});
+}
+
+TEST_F(TickOnScreen, IsWhatGtkPaintsFromRightToLeft)
+{
+    speak("ar");
+    expect_short_way(SMALL_CARDS);
+}
+
+TEST_F(TickOnScreen, FollowsAColourOfThePanels)
 {
     IdleApp app(SMALL_CARDS);
     apply(app, "light");
     ASSERT_TRUE(app.show());
-    std::vector<std::pair<int, int>> sizes;
-    for (const auto& ui : app.m_clusters_ui) {
-        for (const auto& core : ui.cores) {
-            sizes.emplace_back(gtk_widget_get_allocated_width(core.card), gtk_widget_get_allocated_height(core.card));
-        }
-    }
-    std::sort(sizes.begin(), sizes.end());
-    sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
-    ASSERT_LE(sizes.size(), 4U);
-    app.m_card_frames.clear();
-    gtk_widget_queue_draw(app.m_window);
+    tick(app, 1);
     ASSERT_TRUE(settle(app.m_window));
-    EXPECT_THAT(app.m_card_frames, SizeIs(sizes.size()));
+    SettingsStore::instance().mutable_get().panel_light = "#3080D0";
+    app.apply_theme();
+    EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
 }
 
-TEST_F(Frames, AreFewHoweverOftenTheSizeChanges)
+TEST_F(TickOnScreen, FollowsAChangeOfThemeBehindASectionWithoutCards)
+{
+    IdleApp app(Shape{.clusters = {0, 6}, .columns = 2});
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    tick(app, 11);
+    ASSERT_TRUE(settle(app.m_window));
+    ASSERT_FALSE(app.m_title_backdrops.empty());
+    apply(app, "dark");
+    tick(app, 12);
+    ASSERT_TRUE(settle(app.m_window));
+    tick(app, 13);
+    ASSERT_TRUE(settle(app.m_window));
+    const Screenshot screen(app.m_window);
+    EXPECT_LE(Distance(screen, painted_by_gtk(app)).largest, CURVES);
+}
+
+TEST_F(TickOnScreen, FollowsTheSizeOfTheWindow)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    const int width = gtk_widget_get_allocated_width(app.m_window);
+    gtk_window_resize(GTK_WINDOW(app.m_window), width + 61, gtk_widget_get_allocated_height(app.m_window));
+    ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_window) == width + 61; }));
+    EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
+}
+
+/// One digit more moves a title, one less lets the card show through where the digit was.
+TEST_F(TickOnScreen, FollowsTheNumberOfDigits)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    auto& cores = app.m_cpu_reader->m_cores;
+    cores.resize(16);
+    for (const double usage : {0.05, 1.0, 0.5, 0.04}) {
+        for (CoreStats& core : cores) {
+            core.usage = usage;
+        }
+        app.m_title_backdrops.clear();
+        app.update();
+        ASSERT_TRUE(settle(app.m_window));
+        EXPECT_FALSE(app.m_title_backdrops.empty()) << "the long way";
+        const Screenshot screen(app.m_window);
+        EXPECT_LE(Distance(screen, painted_by_gtk(app)).largest, CURVES) << usage;
+        g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
+    }
+}
+
+TEST_F(TickOnScreen, FollowsTheStateOfACard)
+{
+    const UserStyle style(".core-card:hover { background-color: #FF0000; }");
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    gtk_widget_set_state_flags(app.core(0, 1).card, GTK_STATE_FLAG_PRELIGHT, FALSE);
+    EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
+}
+
+TEST_F(TickOnScreen, GoesTheLongWayWhereACardLetsShineThrough)
+{
+    const UserStyle style(".core-card { background-color: rgba(255, 0, 0, 0.3); } grid { background-color: #0000FF; }");
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    expect_ticks_as_by_gtk(app);
+}
+
+TEST_F(TickOnScreen, LeavesFramedLabelsToTheirTheme)
+{
+    const UserStyle style(".pct-label { border: 1px solid #FF0000; background-color: #00FF00; margin: 1px; }");
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    expect_ticks_as_by_gtk(app);
+}
+
+TEST_F(ScaledWindowOnScreen, IsWhatGtkPaintsInFullResolution)
+{
+    gtk_init(nullptr, nullptr);
+    IdleApp app(SMALL_CARDS);
+    app.apply_theme();
+    ASSERT_TRUE(app.show());
+    ASSERT_EQ(gtk_widget_get_scale_factor(app.m_window), 2);
+    EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
+}
+
+TEST_F(TickOnScreen, BackdropsAreSharedByCardsOfOneSize)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    expect_ticks_as_by_gtk(app);
+    EXPECT_LE(app.m_title_backdrops.size(), 6U) << "heights that differ by a pixel, digits that reach out of their label";
+}
+
+TEST_F(TickOnScreen, BackdropsAreFewHoweverOftenTheSizeChanges)
 {
     IdleApp app(SMALL_CARDS);
     apply(app, "light");
@@ -196,47 +334,24 @@ TEST_F(Frames, AreFewHoweverOftenTheSizeChanges)
         const int width = gtk_widget_get_allocated_width(app.m_window) + 2;
         gtk_window_resize(GTK_WINDOW(app.m_window), width, gtk_widget_get_allocated_height(app.m_window));
         ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_window) == width; }));
-        gtk_widget_queue_draw(app.m_window);
         ASSERT_TRUE(settle(app.m_window));
-        ASSERT_LE(app.m_card_frames.size(), 8U);
+        tick(app, step);
+        ASSERT_TRUE(settle(app.m_window));
+        ASSERT_FALSE(app.m_title_backdrops.empty());
+        ASSERT_LE(app.m_title_backdrops.size(), 8U);
     }
 }
 
-TEST_F(Frames, AreApartForEachState)
-{
-    IdleApp app(SMALL_CARDS);
-    apply(app, "light");
-    GtkCssProvider* const provider = gtk_css_provider_new();
-    gtk_css_provider_load_from_data(provider, ".core-card:hover { background-color: #FF0000; }", -1, nullptr);
-    gtk_style_context_add_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(provider), GTK_STYLE_PROVIDER_PRIORITY_USER);
-    ASSERT_TRUE(app.show());
-    gtk_widget_set_state_flags(app.core(0, 1).card, GTK_STATE_FLAG_PRELIGHT, FALSE);
-    expect_as_by_gtk(app);
-    gtk_style_context_remove_provider_for_screen(gdk_screen_get_default(), GTK_STYLE_PROVIDER(provider));
-    g_object_unref(provider);
-}
-
 /// The window as it is drawn for somebody who asks for it in double size, against the same by GTK alone.
-TEST_F(Frames, AreNotForAWindowOnACanvasOfOthers)
+TEST_F(WindowOnScreen, OnACanvasOfOthersIsPaintedByGtk)
 {
     IdleApp app(SMALL_CARDS);
     apply(app, "light");
     ASSERT_TRUE(app.show());
-    app.m_card_frames.clear();
+    tick(app, 1);
+    ASSERT_TRUE(settle(app.m_window));
     Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window), 2);
+    take_font_options(app.m_window, picture.cr());
     gtk_widget_draw(app.m_window, picture.cr());
-    EXPECT_THAT(app.m_card_frames, IsEmpty());
     EXPECT_EQ(Distance(picture, painted_by_gtk(app, 2)).largest, 0);
-}
-
-TEST_F(Frames, AreNotForCanvasesOfOthers)
-{
-    IdleApp app(SMALL_CARDS);
-    apply(app, "light");
-    ASSERT_TRUE(app.show());
-    app.m_card_frames.clear();
-    GtkWidget* const card = app.core(0, 0).card;
-    const Picture picture(gtk_widget_get_allocated_width(card), gtk_widget_get_allocated_height(card));
-    gtk_widget_draw(card, picture.cr());
-    EXPECT_THAT(app.m_card_frames, IsEmpty());
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 
 #include "desktop/pictures.h"
 
@@ -40,6 +41,32 @@ private:
         return place;
     }
 };
+
+/// A picture of what is painted on a surface of the X server such as those of the widget's window, as GTK does it.
+inline Picture painted_by_server(GtkWidget* widget, int width, int height, int zoom, const std::function<void(cairo_t*)>& paint)
+{
+    cairo_surface_t* const surface = gdk_window_create_similar_surface(gtk_widget_get_window(widget), CAIRO_CONTENT_COLOR, width, height);
+    cairo_t* const cr = cairo_create(surface);
+    paint(cr);
+    cairo_destroy(cr);
+    Picture picture(width, height, zoom);
+    cairo_set_source_surface(picture.cr(), surface, 0, 0);
+    cairo_pattern_set_filter(cairo_get_source(picture.cr()), CAIRO_FILTER_NEAREST);
+    cairo_paint(picture.cr());
+    cairo_surface_destroy(surface);
+    return picture;
+}
+
+/// Lets texts on that canvas look as on the widget's screen.
+inline void take_font_options(GtkWidget* widget, cairo_t* cr)
+{
+    cairo_surface_t* const surface = gdk_window_create_similar_surface(gtk_widget_get_window(widget), CAIRO_CONTENT_COLOR, 1, 1);
+    cairo_font_options_t* const options = cairo_font_options_create();
+    cairo_surface_get_font_options(surface, options);
+    cairo_set_font_options(cr, options);
+    cairo_font_options_destroy(options);
+    cairo_surface_destroy(surface);
+}
 
 /// How far a picture on the screen is from the one wanted: the largest difference of a channel, and the mean of all.
 struct Distance {

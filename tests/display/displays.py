@@ -230,10 +230,11 @@ class XDisplay(X11Windows, Display):
 
     def __init__(self, width: int = 1280, height: int = 1024,
                  window_manager: Literal["openbox", "xfwm4"] | None = "openbox",
-                 scale: int = 1) -> None:
+                 scale: int = 1, server_options: Sequence[str] = ()) -> None:
         """`scale` is GDK_SCALE: the screen stays as large, GTK draws each point N pixels wide."""
         super().__init__(width, height, scale)
         self.window_manager = window_manager
+        self._server_options = server_options
         self._keeper: SlotKeeper | None = None
 
     def _start(self) -> None:
@@ -243,6 +244,7 @@ class XDisplay(X11Windows, Display):
             f"{self.width}x{self.height}x24", "-dpi", "96", "-nolisten", "tcp",
             "-noreset",  # else it forgets all settings when the last client leaves
             "-maxclients", "1024",  # room for the slots that SlotKeeper occupies
+            *self._server_options,
         ], pass_fds=[pipe.write_end])
         self.number = int(pipe.line(server, START_TIMEOUT))
         self.env |= {"DISPLAY": f":{self.number}", "GDK_BACKEND": "x11",

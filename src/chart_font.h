@@ -1,0 +1,56 @@
+/// The font of texts in charts, prepared for many short texts of the same few characters: cairo looks a font up and asks it about each
+/// character again whenever a text is measured or shown. What comes out is what cairo's text calls give. Main thread only.
+#pragma once
+
+#include <cairo.h>
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+/// Makes that font the context's, at whatever size it has.
+void select_chart_font(cairo_t* cr);
+
+/// The font at one size. For texts of ASCII characters.
+class ChartFont {
+public:
+    static constexpr std::size_t LONGEST = 32;  ///< characters of a text; what follows is left out
+
+    /// `size` in units of the context, whose scale and font options are those of all texts to come.
+    ChartFont(cairo_t* cr, double size);
+
+    /// As cairo_text_extents.
+    cairo_text_extents_t measure(std::string_view text);
+
+    /// As cairo_show_text, from that point on, in the context's colour. Leaves the font to the context.
+    void show(cairo_t* cr, double x, double y, std::string_view text);
+
+private:
+    struct Character {
+        unsigned long glyph;
+        cairo_text_extents_t extents;
+    };
+    const Character& character(char c);
+
+    std::shared_ptr<cairo_scaled_font_t> m_font;
+    std::optional<Character> m_characters[128];
+};
+
+/// The sizes of the font that are in use, for one scale and one set of font options at a time.
+class ChartFonts {
+public:
+    /// Borrowed, until the next call. The context's matrix may shift, and scale by its device's scale alone.
+    ChartFont& at(cairo_t* cr, double size);
+
+private:
+    struct Known {
+        double size;
+        std::unique_ptr<ChartFont> font;
+    };
+    static constexpr std::size_t MOST = 12;  // cards differ by a pixel, texts by the width of a digit
+
+    std::vector<Known> m_fonts;
+    double m_scale = 0.0;
+};

@@ -1,0 +1,91 @@
+#include "damage.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+Damage::Area area_of(const GdkRectangle& r)
+{
+    return static_cast<Damage::Area>(r.width) * r.height;
+}
+
+std::optional<GdkRectangle> whole_units(const cairo_rectangle_t& r)
+{
+    const GdkRectangle whole{static_cast<int>(r.x), static_cast<int>(r.y), static_cast<int>(r.width), static_cast<int>(r.height)};
+    const bool is_whole = whole.x == r.x && whole.y == r.y && whole.width == r.width && whole.height == r.height;
+    return is_whole ? std::optional(whole) : std::nullopt;
+}
+
+void clip_to(cairo_t* cr, cairo_region_t* region)
+{
+    gdk_cairo_region(cr, region);
+    cairo_clip(cr);
+    cairo_region_destroy(region);
+}
+
+}  // namespace
+
+std::optional<Damage> Damage::of(cairo_t* cr)
+{
+    cairo_rectangle_list_t* const list = cairo_copy_clip_rectangle_list(cr);
+    Damage damage;
+    bool is_whole = list->status == CAIRO_STATUS_SUCCESS;
+    for (int i = 0; is_whole && i < list->num_rectangles; ++i) {
+        const std::optional<GdkRectangle> part = whole_units(list->rectangles[i]);
+        is_whole = part.has_value();
+        if (is_whole) {
+            damage.m_parts.push_back(*part);
+        }
+    }
+    cairo_rectangle_list_destroy(list);
+    return is_whole ? std::optional(damage) : std::nullopt;
+}
+
+Damage::Area Damage::area() const
+{
+    Area sum = 0;
+    for (const GdkRectangle& part : m_parts) {
+        sum += area_of(part);
+    }
+    return sum;
+}
+
+Damage::Area Damage::area_within(const GdkRectangle& place) const
+{
+    Area sum = 0;
+    const auto is_above = [&](const GdkRectangle& part) { return part.y + part.height <= place.y; };
+    auto part = std::partition_point(m_parts.begin(), m_parts.end(), is_above);
+    for (; part != m_parts.end() && part->y < place.y + place.height; ++part) {
+        if (GdkRectangle common; gdk_rectangle_intersect(&*part, &place, &common)) {
+            sum += area_of(common);
+        }
+    }
+    return sum;
+}
+
+GdkRectangle Damage::bounds() const
+{
+    GdkRectangle box = m_parts.front();
+    for (const GdkRectangle& part : m_parts) {
+        gdk_rectangle_union(&box, &part, &box);
+    }
+    return box;
+}
+
+void Damage::clip(cairo_t* cr) const
+{
+    clip_to(cr, region());
+}
+
+void Damage::clip_without(cairo_t* cr, const GdkRectangle& place) const
+{
+    cairo_region_t* const rest = region();
+    cairo_region_subtract_rectangle(rest, &place);
+    clip_to(cr, rest);
+}
+
+cairo_region_t* Damage::region() const
+{
+    return cairo_region_create_rectangles(m_parts.data(), static_cast<int>(m_parts.size()));
+}
