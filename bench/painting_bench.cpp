@@ -4,7 +4,9 @@
 #include <cmath>
 
 #include "app.h"
+#include "chart_painter.h"
 #include "i18n.h"
+#include "pixel_canvas.h"
 
 namespace {
 
@@ -55,15 +57,21 @@ void paint_plainly(benchmark::State& state, const Size& size)
 BENCHMARK_CAPTURE(paint_plainly, card, CARD);
 BENCHMARK_CAPTURE(paint_plainly, total, TOTAL);
 
-/// As the window paints it, which makes a palette each time.
+/// As the window paints it.
 void paint_on_screen(benchmark::State& state, const Size& size)
 {
     const Canvas canvas(size);
     const std::deque<double> history = full_history();
-    App app;
-    app.m_paints_own_canvas = true;
+    const Palette palette = Palette::light();
+    ChartPainter painter;
     for (auto _ : state) {
-        app.paint_chart_on_screen(canvas.cr, size.width, size.height, history, App::group_color(0), App::freq_texts(3600), size.overlay);
+        const ChartPainter::Chart chart{.area = {0, 0, size.width, size.height},
+                                        .history = history,
+                                        .accent = App::group_color(0),
+                                        .mhz = 3600,
+                                        .load = size.overlay,
+                                        .load_color = {0.8, 0.6, 0.0}};
+        painter.paint(canvas.cr, *PixelCanvas::of(canvas.cr), chart, palette);
     }
 }
 BENCHMARK_CAPTURE(paint_on_screen, card, CARD);

@@ -314,11 +314,6 @@ struct CurveCoverage::Pixels {
     }
 };
 
-CurveCoverage::~CurveCoverage()
-{
-    cairo_surface_destroy(m_mask);
-}
-
 void CurveCoverage::paint(const std::deque<double>& history, int capacity, const CurveLook& look, const Rgb& color,
                           const CurveCanvas& canvas)
 {
@@ -431,36 +426,4 @@ void CurveCoverage::fill(const Pixels& pixels, int column, int top)
         const Row opacity = (covered * area_alpha(row) + 128) >> 8;
         pixels.paint(row, opacity);
     }
-}
-
-cairo_surface_t* CurveCoverage::opacity(const std::deque<double>& history, int capacity, int w, int h, int scale, const CurveLook& look)
-{
-    if (history.size() < 2 || capacity < 2 || w <= 0 || h <= 0 || scale <= 0) {
-        return nullptr;
-    }
-    const int width = w * scale;
-    const int height = h * scale;
-    if (m_mask == nullptr || cairo_image_surface_get_width(m_mask) != width || cairo_image_surface_get_height(m_mask) != height) {
-        cairo_surface_destroy(m_mask);
-        m_mask = cairo_image_surface_create(CAIRO_FORMAT_A8, width, height);
-    }
-    cairo_surface_set_device_scale(m_mask, scale, scale);
-    m_mask_pixels.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), 0);
-    paint(history, capacity, look, {1, 1, 1},
-          {.data = reinterpret_cast<unsigned char*>(m_mask_pixels.data()),
-           .stride = width * static_cast<int>(BYTES),
-           .chart = {0, 0, width, height},
-           .clip = {0, 0, width, height},
-           .scale = scale});
-    cairo_surface_flush(m_mask);
-    for (int y = 0; y < height; ++y) {
-        unsigned char* const row =
-            cairo_image_surface_get_data(m_mask) + static_cast<std::ptrdiff_t>(y) * cairo_image_surface_get_stride(m_mask);
-        for (int x = 0; x < width; ++x) {
-            row[x] = static_cast<unsigned char>(
-                m_mask_pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)] >> 24U);
-        }
-    }
-    cairo_surface_mark_dirty(m_mask);
-    return m_mask;
 }

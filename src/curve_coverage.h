@@ -32,18 +32,9 @@ struct CurveCanvas {
 /// It needs no more memory for a large chart than for a small one.
 class CurveCoverage {
 public:
-    CurveCoverage() = default;
-    ~CurveCoverage();
-    CurveCoverage(const CurveCoverage&) = delete;
-    CurveCoverage& operator=(const CurveCoverage&) = delete;
-
     /// Paints a history of loads, oldest first. It spans the chart if it has `capacity` of them; a shorter one ends at the right edge. Any
     /// values and sizes will do; with fewer than two values there is nothing to see.
     void paint(const std::deque<double>& history, int capacity, const CurveLook& look, const Rgb& color, const CurveCanvas& canvas);
-
-    /// The opacity of each pixel of a chart of `w` by `h` units, a unit being `scale` by `scale` pixels. The mask is borrowed until the
-    /// next call; null if there is nothing to see.
-    cairo_surface_t* opacity(const std::deque<double>& history, int capacity, int w, int h, int scale, const CurveLook& look);
 
 private:
     /// A straight part of a chain inside of a block, x from the left side of that.
@@ -95,6 +86,4 @@ private:
     float m_line_covered = 0.0F;         ///< a pixel that the line covers wholly, in the units of the line's cells
     std::uint32_t m_area_alpha_top = 0;  ///< in the first row, in parts of 2^24
     std::int32_t m_area_alpha_step = 0;  ///< from row to row
-    std::vector<std::uint32_t> m_mask_pixels;
-    cairo_surface_t* m_mask = nullptr;
 };
