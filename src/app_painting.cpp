@@ -33,13 +33,16 @@ GdkRectangle clip_of(GtkWidget* widget)
     return clip;
 }
 
-/// Paints a widget where it stands in its window.
-void draw_in_place(GtkWidget* widget, cairo_t* cr)
+/// Paints a label where it stands in its window, without what gtk_widget_draw() does around that: nobody else draws on a label.
+void draw_in_place(GtkWidget* label, cairo_t* cr)
 {
-    const GdkRectangle place = allocation_of(widget);
+    if (!gtk_widget_is_drawable(label)) {
+        return;
+    }
+    const GdkRectangle place = allocation_of(label);
     cairo_save(cr);
     cairo_translate(cr, place.x, place.y);
-    gtk_widget_draw(widget, cr);
+    GTK_WIDGET_GET_CLASS(label)->draw(label, cr);
     cairo_restore(cr);
 }
 

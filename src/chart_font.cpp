@@ -16,23 +16,13 @@ ChartFont::ChartFont(cairo_t* cr, double size)
     cairo_restore(cr);
 }
 
-const ChartFont::Character& ChartFont::character(char c)
+const cairo_text_extents_t& ChartFont::character(char c)
 {
-    std::optional<Character>& known = m_characters[static_cast<unsigned char>(c) % std::size(m_characters)];
+    std::optional<cairo_text_extents_t>& known = m_characters[static_cast<unsigned char>(c) % std::size(m_characters)];
     if (!known) {
-        known = Character{};
-        cairo_glyph_t buffer[1];
-        cairo_glyph_t* glyphs = buffer;
-        int count = 1;
-        if (cairo_scaled_font_text_to_glyphs(m_font.get(), 0, 0, &c, 1, &glyphs, &count, nullptr, nullptr, nullptr) ==
-                CAIRO_STATUS_SUCCESS &&
-            count == 1) {
-            known->glyph = glyphs[0].index;
-            cairo_scaled_font_glyph_extents(m_font.get(), glyphs, 1, &known->extents);
-        }
-        if (glyphs != buffer) {
-            cairo_glyph_free(glyphs);
-        }
+        known = cairo_text_extents_t{};
+        const char text[] = {c, '\0'};
+        cairo_scaled_font_text_extents(m_font.get(), text, &*known);
     }
     return *known;
 }
@@ -45,8 +35,8 @@ cairo_text_extents_t ChartFont::measure(std::string_view text)
     double bottom = 0.0;
     double x = 0.0;
     bool has_ink = false;
-    for (const char c : text.substr(0, LONGEST)) {
-        const cairo_text_extents_t& e = character(c).extents;
+    for (const char c : text) {
+        const cairo_text_extents_t& e = character(c);
         if (e.width != 0 && e.height != 0) {
             const double ink_left = e.x_bearing + x;
             left = has_ink ? std::min(left, ink_left) : ink_left;
@@ -60,17 +50,11 @@ cairo_text_extents_t ChartFont::measure(std::string_view text)
     return {.x_bearing = left, .y_bearing = top, .width = right - left, .height = bottom - top, .x_advance = x, .y_advance = 0.0};
 }
 
-void ChartFont::show(cairo_t* cr, double x, double y, std::string_view text)
+void ChartFont::show(cairo_t* cr, double x, double y, const std::string& text) const
 {
-    cairo_glyph_t glyphs[LONGEST];
-    int count = 0;
-    for (const char c : text.substr(0, LONGEST)) {
-        const Character& known = character(c);
-        glyphs[count++] = {.index = known.glyph, .x = x, .y = y};
-        x += known.extents.x_advance;
-    }
     cairo_set_scaled_font(cr, m_font.get());
-    cairo_show_glyphs(cr, glyphs, count);
+    cairo_move_to(cr, x, y);
+    cairo_show_text(cr, text.c_str());
 }
 
 ChartFont& ChartFonts::at(cairo_t* cr, double size)

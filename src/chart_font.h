@@ -1,5 +1,5 @@
-/// The font of texts in charts, prepared for many short texts of the same few characters: cairo looks a font up and asks it about each
-/// character again whenever a text is measured or shown. What comes out is what cairo's text calls give. Main thread only.
+/// The font of texts in charts, prepared for many short texts of the same few characters: cairo looks the font up and asks it about
+/// each character again whenever a text is measured. What comes out is what cairo's text calls give. Main thread only.
 #pragma once
 
 #include <cairo.h>
@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -16,8 +17,6 @@ void select_chart_font(cairo_t* cr);
 /// The font at one size. For texts of ASCII characters.
 class ChartFont {
 public:
-    static constexpr std::size_t LONGEST = 32;  ///< characters of a text; what follows is left out
-
     /// `size` in units of the context, whose scale and font options are those of all texts to come.
     ChartFont(cairo_t* cr, double size);
 
@@ -25,17 +24,13 @@ public:
     cairo_text_extents_t measure(std::string_view text);
 
     /// As cairo_show_text, from that point on, in the context's colour. Leaves the font to the context.
-    void show(cairo_t* cr, double x, double y, std::string_view text);
+    void show(cairo_t* cr, double x, double y, const std::string& text) const;
 
 private:
-    struct Character {
-        unsigned long glyph;
-        cairo_text_extents_t extents;
-    };
-    const Character& character(char c);
+    const cairo_text_extents_t& character(char c);
 
     std::shared_ptr<cairo_scaled_font_t> m_font;
-    std::optional<Character> m_characters[128];
+    std::optional<cairo_text_extents_t> m_characters[128];
 };
 
 /// The sizes of the font that are in use, for one scale and one set of font options at a time.
