@@ -240,7 +240,7 @@ def test_the_licence_is_open_in_each_place_that_names_one() -> None:
     copying = (ROOT / "COPYING").read_text()
     places = re.findall(r"^    (\S+) {2,}", copying, re.MULTILINE)
     assert len(places) == 4 and all((ROOT / place).is_file() for place in places)
-    assert "`COPYING`" in (ROOT / "README.md").read_text().partition("\n## Licence")[2]
+    assert "COPYING" in (ROOT / "README.md").read_text().partition("\n## Licence")[2]
     assert ET.parse(ROOT / f"data/{METAINFO}.in").findtext("project_license") == "LicenseRef-proprietary"
     copyright_file = (ROOT / "packaging/debian/copyright").read_text()
     assert "\nFiles: *\nCopyright: 2026 Ilan Morvay, Fennmark Software\nLicense: LicenseRef-proprietary\n" in copyright_file
