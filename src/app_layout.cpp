@@ -66,9 +66,8 @@ struct Cell {
 /// in which a screen reader walks through them.
 void attach_in_order(GtkWidget* grid, const std::vector<Cell>& cells)
 {
-    for (auto cell = cells.rbegin(); cell != cells.rend(); ++cell) {
-        gtk_grid_attach(GTK_GRID(grid), cell->widget, cell->column, cell->row, cell->width, 1);
-    }
+    const auto attach = [grid](const Cell& cell) { gtk_grid_attach(GTK_GRID(grid), cell.widget, cell.column, cell.row, cell.width, 1); };
+    std::for_each(cells.rbegin(), cells.rend(), attach);
 }
 
 GtkWidget* create_row_box()

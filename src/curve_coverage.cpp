@@ -27,6 +27,7 @@
 namespace {
 
 constexpr int COLUMNS = 8;                       // of a block
+constexpr std::ptrdiff_t NEXT_ROW = COLUMNS;     // from a cell to the one below
 constexpr int BLOCK_ROWS = 64;                   // at once; a higher one takes several turns
 constexpr int BEND_ROWS = 3;                     // cells that the beginning or end of an edge takes
 constexpr int OPAQUE = 255;                      // levels of opacity
@@ -98,7 +99,7 @@ private:
 /// An opaque colour as cairo makes it.
 std::uint32_t pixel_of(const Rgb& color)
 {
-    const auto channel = [](double value) { return static_cast<std::uint32_t>(std::clamp(value, 0.0, 1.0) * 65535.0 + 0.5) >> 8U; };
+    const auto channel = [](double value) { return static_cast<std::uint32_t>(std::lround(std::clamp(value, 0.0, 1.0) * 65535.0)) >> 8U; };
     return 0xFF000000U | channel(color.r) << 16U | channel(color.g) << 8U | channel(color.b);
 }
 
@@ -125,14 +126,14 @@ struct Bend {
     void add_to(std::uint16_t* cells) const
     {
         cells[0] = static_cast<std::uint16_t>(cells[0] + first);
-        cells[COLUMNS] = static_cast<std::uint16_t>(cells[COLUMNS] + second);
-        cells[2 * COLUMNS] = static_cast<std::uint16_t>(cells[2 * COLUMNS] + third);
+        cells[NEXT_ROW] = static_cast<std::uint16_t>(cells[NEXT_ROW] + second);
+        cells[2 * NEXT_ROW] = static_cast<std::uint16_t>(cells[2 * NEXT_ROW] + third);
     }
     void take_from(std::uint16_t* cells) const
     {
         cells[0] = static_cast<std::uint16_t>(cells[0] - first);
-        cells[COLUMNS] = static_cast<std::uint16_t>(cells[COLUMNS] - second);
-        cells[2 * COLUMNS] = static_cast<std::uint16_t>(cells[2 * COLUMNS] - third);
+        cells[NEXT_ROW] = static_cast<std::uint16_t>(cells[NEXT_ROW] - second);
+        cells[2 * NEXT_ROW] = static_cast<std::uint16_t>(cells[2 * NEXT_ROW] - third);
     }
 };
 
@@ -168,7 +169,7 @@ private:
     void end_ramp(Ramp& ramp);
     void add_cut(const Edge& edge, float covered);
     void add_level(const Edge& edge, float covered);
-    std::uint16_t* cell(int row, int column) { return reinterpret_cast<std::uint16_t*>(m_rows) + row * COLUMNS + column; }
+    std::uint16_t* cell(int row, int column) { return reinterpret_cast<std::uint16_t*>(m_rows) + row * NEXT_ROW + column; }
 
     const float m_bottom;
     Row m_change{};
@@ -257,8 +258,8 @@ void CurveCoverage::Cells::add_level(const Edge& edge, float covered)
         const int below = static_cast<int>(all_covered * (y - static_cast<float>(row)));
         std::uint16_t* const cells = cell(row, column);
         cells[0] = static_cast<std::uint16_t>(cells[0] + all - below);
-        cells[COLUMNS] = static_cast<std::uint16_t>(cells[COLUMNS] + 2 * below - all);
-        cells[2 * COLUMNS] = static_cast<std::uint16_t>(cells[2 * COLUMNS] - below);
+        cells[NEXT_ROW] = static_cast<std::uint16_t>(cells[NEXT_ROW] + 2 * below - all);
+        cells[2 * NEXT_ROW] = static_cast<std::uint16_t>(cells[2 * NEXT_ROW] - below);
     }
 }
 
