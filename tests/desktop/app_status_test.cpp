@@ -232,7 +232,8 @@ private:
 
     std::size_t next_character(std::size_t byte) const
     {
-        return static_cast<std::size_t>(g_utf8_next_char(m_text.c_str() + byte) - (m_text.c_str() + byte));
+        const char* const character = m_text.c_str() + byte;
+        return static_cast<std::size_t>(g_utf8_find_next_char(character, nullptr) - character);
     }
 
     std::string m_text;
