@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "i18n.h"
+#include "session_bus.h"
 #include "settings.h"
 #include "signal_gate.h"
 
@@ -18,7 +19,8 @@ constexpr guint TICK_MS = 1000;
 constexpr guint STARTED_S = 5;   // by then everything has been shown and painted
 constexpr guint SETTLED_S = 60;  // and by then histories are full, and GTK has let go of what it keeps for a while
 constexpr int FIRST_START_COLUMNS = 1;
-constexpr int LARGE_BLOCK = 128 * 1024;  // bytes
+constexpr int LARGE_BLOCK = 128 * 1024;                   // bytes
+constexpr const char* NO_ACCESSIBILITY = "NO_AT_BRIDGE";  // environment variable of GTK's accessibility
 
 App* g_app_instance = nullptr;  // how the signal handler finds the application; never reset
 
@@ -81,11 +83,27 @@ void begin_to_read_fonts()
     pango_cairo_font_map_get_default();
 }
 
-/// Where accessibility finds no session bus it starts one, which lives on with all that it starts.
+/// GTK's accessibility connects to the session bus without a time limit. So that a bus that hangs does not keep the window away for good,
+/// the program connects first, and then does without accessibility. The connection, or null, is to be kept until somebody else keeps it:
+/// else it would be made twice. Where there is no bus accessibility starts one, and takes its time.
+SessionBus::Connection connect_for_accessibility()
+{
+    return g_getenv(NO_ACCESSIBILITY) == nullptr && SessionBus::is_there() ? SessionBus::connect() : nullptr;
+}
+
+/// Where accessibility finds no session bus it starts one, which lives on with all that it starts. It is kept from one that hangs, by a
+/// variable that programs started later do not inherit. Other threads may be looking into the environment just then; GTK changes it
+/// meanwhile as well, and glibc keeps the list that they are going through.
 void init_gtk(int argc, char** argv)
 {
     const SignalGate::ForNewPrograms gate;
+    if (SessionBus::is_given_up()) {
+        g_setenv(NO_ACCESSIBILITY, "1", TRUE);
+    }
     gtk_init(&argc, &argv);
+    if (SessionBus::is_given_up()) {
+        g_unsetenv(NO_ACCESSIBILITY);
+    }
 }
 
 }  // namespace
@@ -117,6 +135,7 @@ int App::run(int argc, char** argv)
     std::signal(SIGTERM, signal_handler);
     SignalGate::close();
     begin_to_read_fonts();
+    const SessionBus::Connection bus = connect_for_accessibility();  // kept until watch_system_theme() has it, too
     init_gtk(argc, argv);
     SettingsStore::instance().load();
     I18n::instance().set_language(SettingsStore::instance().get().language);

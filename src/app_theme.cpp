@@ -1,14 +1,10 @@
 /// Light or dark: what the user chose, what the desktop asks for, and the stylesheet that follows.
-#include <chrono>
 #include <cstring>
-#include <future>
-#include <memory>
 #include <optional>
-#include <utility>
 
 #include "app.h"
+#include "session_bus.h"
 #include "settings.h"
-#include "signal_gate.h"
 
 namespace {
 
@@ -20,71 +16,20 @@ constexpr const char* APPEARANCE = "org.freedesktop.appearance";
 constexpr const char* COLOR_SCHEME = "color-scheme";
 constexpr guint32 SCHEME_DARK = 1;
 constexpr guint32 SCHEME_LIGHT = 2;
-constexpr int BUS_TIMEOUT_MS = 500;  // for the connection, and for an answer of the portal; the main thread waits meanwhile
 
 constexpr guint CSS_PRIORITY = GTK_STYLE_PROVIDER_PRIORITY_APPLICATION;
 constexpr const char* PREFER_DARK_PROPERTY = "gtk-application-prefer-dark-theme";
 
-struct Unref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-using Bus = std::unique_ptr<GDBusConnection, Unref>;
-
-/// A connection in the making. Whoever lets go of it last drops a connection that comes too late.
-struct Connecting {
-    const std::unique_ptr<GCancellable, Unref> given_up{g_cancellable_new()};
-    std::promise<Bus> bus;
-};
-
-/// Body of a thread: connects to the session bus, and lets its end not be that of the program, as GLib would.
-gpointer connect_to_bus(gpointer data)
-{
-    const std::unique_ptr<std::shared_ptr<Connecting>> connecting(static_cast<std::shared_ptr<Connecting>*>(data));
-    Connecting& attempt = **connecting;
-    Bus bus(g_bus_get_sync(G_BUS_TYPE_SESSION, attempt.given_up.get(), nullptr));
-    if (bus != nullptr) {
-        g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
-    }
-    attempt.bus.set_value(std::move(bus));
-    return nullptr;
-}
-
-/// The session bus, or null without one. One that takes too long to connect is none from then on: else each change of a colour would wait for
-/// it. A thread of its own waits, as not all of what GLib does there can be cancelled.
-Bus session_bus()
-{
-    static bool has_given_up = false;
-    if (has_given_up) {
-        return nullptr;
-    }
-    const SignalGate::ForNewPrograms gate;  // GLib starts a bus where there is none
-    const auto connecting = std::make_shared<Connecting>();
-    std::future<Bus> bus = connecting->bus.get_future();
-    auto* const shared = new std::shared_ptr<Connecting>(connecting);
-    GThread* const thread = g_thread_try_new("session-bus", connect_to_bus, shared, nullptr);
-    if (thread == nullptr) {
-        delete shared;
-        return nullptr;
-    }
-    g_thread_unref(thread);
-    has_given_up = bus.wait_for(std::chrono::milliseconds(BUS_TIMEOUT_MS)) != std::future_status::ready;
-    if (has_given_up) {
-        g_cancellable_cancel(connecting->given_up.get());
-        return nullptr;
-    }
-    return bus.get();
-}
-
 /// What the portal says: true for dark, false for light, empty for no preference, an odd value, or no portal.
 std::optional<bool> portal_prefers_dark()
 {
-    const Bus bus = session_bus();
+    const SessionBus::Connection bus = SessionBus::connect();
     if (bus == nullptr) {
         return std::nullopt;
     }
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(bus.get(), PORTAL_NAME, PORTAL_PATH, PORTAL_INTERFACE, "Read",
                                                             g_variant_new("(ss)", APPEARANCE, COLOR_SCHEME), G_VARIANT_TYPE("(v)"),
-                                                            G_DBUS_CALL_FLAGS_NONE, BUS_TIMEOUT_MS, nullptr, nullptr);
+                                                            G_DBUS_CALL_FLAGS_NONE, SessionBus::TIMEOUT_MS, nullptr, nullptr);
     if (reply == nullptr) {
         return std::nullopt;
     }
@@ -178,7 +123,7 @@ void App::queue_apply_theme()
 
 void App::watch_system_theme()
 {
-    GDBusConnection* bus = session_bus().release();  // kept, as is the subscription, until the process ends
+    GDBusConnection* bus = SessionBus::connect().release();  // kept, as is the subscription, until the process ends
     if (bus == nullptr || g_dbus_connection_is_closed(bus)) {
         return;  // closed: it went away since the start, and GLib would complain of a subscription
     }

@@ -43,6 +43,8 @@ struct Overheard {
     GVariant* answer = nullptr;              ///< of the next question, in place of the service's; belongs to whoever asks
     bool has_bus = true;
     std::function<void(GCancellable*)> at_connect;  ///< before a connection to the bus is made; on any thread
+    std::set<std::string> bus_names;                ///< of the code under test, one for each connection that was made
+    std::function<void()> at_gtk_init;
     bool has_settings = true;
 };
 
@@ -60,6 +62,14 @@ std::string given(gconstpointer pointer)
 // --- calls that are overheard ---
 
 extern "C" {
+
+void gtk_init(int* argc, char*** argv)
+{
+    if (g_overheard.at_gtk_init) {
+        g_overheard.at_gtk_init();
+    }
+    next<decltype(gtk_init)>("gtk_init")(argc, argv);
+}
 
 GtkCssProvider* gtk_css_provider_new()
 {
@@ -130,7 +140,10 @@ GDBusConnection* g_bus_get_sync(GBusType type, GCancellable* cancellable, GError
         return nullptr;
     }
     GDBusConnection* const bus = next<decltype(g_bus_get_sync)>("g_bus_get_sync")(type, cancellable, error);
-    g_connections += is_own && bus != nullptr;
+    if (is_own && bus != nullptr) {
+        g_overheard.bus_names.insert(g_dbus_connection_get_unique_name(bus));
+        ++g_connections;
+    }
     return bus;
 }
 
@@ -709,6 +722,59 @@ TEST_F(AppTheme, StartAppliesTheThemeAndWatchesBetweenWindowAndShow)
     calls.resize(std::min<std::size_t>(calls.size(), 6));  // the dialog can have more of the same
     EXPECT_THAT(calls,
                 ElementsAre("window", "new provider", "add to the screen at 600", "load, length -1, error none", "subscribe", "show"));
+}
+
+constexpr const char* NO_BRIDGE = "NO_AT_BRIDGE";
+
+TEST_F(AppTheme, BusIsConnectedToOnceAndBeforeAccessibilityDoes)
+{
+    const ScopedEnv accessible(NO_BRIDGE, std::nullopt);
+    App app;
+    int connections = 0;
+    g_connections = 0;
+    g_overheard.at_gtk_init = [&] {
+        connections = g_connections;
+        EXPECT_EQ(g_getenv(NO_BRIDGE), nullptr);
+    };
+    run_app(app, [&] { EXPECT_NE(app.m_portal_sub, 0U); });
+    EXPECT_EQ(connections, 1);
+    EXPECT_EQ(g_overheard.bus_names.size(), 1U);
+}
+
+TEST_F(AppTheme, BusThatHangsIsKeptFromAccessibilityAndFromNobodyElse)
+{
+    const ScopedEnv accessible(NO_BRIDGE, std::nullopt);
+    App app;
+    std::atomic<bool> was_cancelled{false};
+    g_overheard.has_bus = false;
+    g_overheard.at_connect = [&](GCancellable* cancellable) {
+        was_cancelled = wait_until([&] { return g_cancellable_is_cancelled(cancellable) != FALSE; });
+    };
+    std::string at_gtk_init;
+    g_overheard.at_gtk_init = [&] { at_gtk_init = g_getenv(NO_BRIDGE) != nullptr ? g_getenv(NO_BRIDGE) : "unset"; };
+    run_app(app, [] { EXPECT_EQ(g_getenv(NO_BRIDGE), nullptr); });  // else programs started by links would have it
+    EXPECT_EQ(at_gtk_init, "1");
+    EXPECT_TRUE(wait_until([&] { return was_cancelled.load(); }));
+}
+
+TEST_F(AppTheme, NobodyConnectsBeforeGtkWithoutAccessibilityOrWithoutBus)
+{
+    const ScopedEnv no_place("XDG_RUNTIME_DIR", home.path());
+    const std::vector<std::pair<const char*, std::optional<std::string>>> reasons = {{NO_BRIDGE, "1"},
+                                                                                     {"DBUS_SESSION_BUS_ADDRESS", std::nullopt}};
+    for (const auto& [name, value] : reasons) {
+        const ScopedEnv accessible(NO_BRIDGE, std::nullopt);
+        const ScopedEnv reason(name, value);
+        App app;
+        g_overheard.has_bus = false;
+        int attempts = 0;
+        int attempts_before_gtk = -1;
+        g_overheard.at_connect = [&](GCancellable*) { ++attempts; };
+        g_overheard.at_gtk_init = [&] { attempts_before_gtk = attempts; };
+        run_app(app, [] {});
+        EXPECT_EQ(attempts_before_gtk, 0) << name;
+        EXPECT_GT(attempts, 0) << name;
+    }
 }
 
 // --- what the sheet makes of the widgets ---

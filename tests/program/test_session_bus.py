@@ -97,9 +97,10 @@ def hanging_bus(tmp_path: Path) -> Iterator[HangingBus]:
     bus.close()
 
 
+@pytest.mark.parametrize("accessible", [False, True], ids=["without accessibility", "with accessibility"])
 @pytest.mark.parametrize("theme", ["auto", "light"])
-def test_bus_that_hangs_is_given_up(theme: str, x11: XDisplay, hanging_bus: HangingBus, start: Start) -> None:
-    monitor = start(x11, settings={"theme": theme}, env={"DBUS_SESSION_BUS_ADDRESS": hanging_bus.address}, accessible=False)
+def test_bus_that_hangs_is_given_up(theme: str, accessible: bool, x11: XDisplay, hanging_bus: HangingBus, start: Start) -> None:
+    monitor = start(x11, settings={"theme": theme}, env={"DBUS_SESSION_BUS_ADDRESS": hanging_bus.address}, accessible=accessible)
     monitor.wait_for_window()
     wait_for_main_loop(monitor)
     assert hanging_bus.connections() == 1  # one attempt, whoever has asked for it since
