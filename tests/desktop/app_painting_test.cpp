@@ -1,10 +1,15 @@
 /// The way of the window onto the screen: painted in memory, and after a tick nothing of the cards but what the tick has changed. What comes
 /// of it has to be what GTK paints by itself.
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "app.h"
+#include "chart_font.h"
+#include "chart_look.h"
 #include "desktop/pictures.h"
 #include "desktop/screenshot.h"
 #include "live_app.h"
@@ -116,6 +121,100 @@ protected:
 class ScaledWindowOnScreen : public DesktopTest {
 protected:
     const ScopedEnv scale{"GDK_SCALE", "2"};
+};
+
+/// Resources of the display, as a desktop sets them; gone at the end of the scope, as other cases share the display. They are told by
+/// another client, because Xlib and cairo ask for them when GTK opens the display.
+class DisplayResources {
+public:
+    explicit DisplayResources(const std::string& resources)
+    {
+        std::FILE* const xrdb = popen("xrdb -merge", "w");
+        std::fputs(resources.c_str(), xrdb);
+        EXPECT_EQ(pclose(xrdb), 0);
+    }
+    ~DisplayResources() { EXPECT_EQ(std::system("xrdb -remove"), 0); }
+    DisplayResources(const DisplayResources&) = delete;
+    DisplayResources& operator=(const DisplayResources&) = delete;
+};
+
+/// The texts of charts on a screen with font options of its own.
+class TextsOnScreen : public DesktopTest {
+protected:
+    /// Starts GTK on such a screen, and shows charts without a history, in which a curve would lie over the texts.
+    static void expect_texts_as_by_server(const std::string& font_options)
+    {
+        const DisplayResources resources(font_options);
+        gtk_init(nullptr, nullptr);
+        IdleApp app(SMALL_CARDS);
+        app.apply_theme();
+        ASSERT_TRUE(app.show());
+        for (int tries = 0; !is_text_on_whole_pixels(app.core(0, 0).chart) || !is_text_on_whole_pixels(app.m_total_chart); ++tries) {
+            ASSERT_LT(tries, 8) << "no width has both clocks on whole pixels";
+            ASSERT_NO_FATAL_FAILURE(make_wider(app));
+        }
+        show_clock(app, CLOCK);
+        gtk_widget_queue_draw(app.m_window);
+        ASSERT_TRUE(settle(app.m_window));
+        expect_charts_as_by_server(app);
+        app.m_title_backdrops.clear();
+        show_clock(app, CLOCK + 500);
+        ASSERT_TRUE(settle(app.m_window));
+        EXPECT_FALSE(app.m_title_backdrops.empty()) << "the long way";
+        expect_charts_as_by_server(app);
+    }
+
+private:
+    static constexpr double CLOCK = 2400.0;
+
+    /// Whether the clock of that chart begins with a whole pixel. Half a pixel is rounded up or down, as it happens.
+    static bool is_text_on_whole_pixels(GtkWidget* chart)
+    {
+        const int w = gtk_widget_get_allocated_width(chart);
+        const int h = gtk_widget_get_allocated_height(chart);
+        const ChartStyle::FrequencyForms forms(CLOCK);
+        double x = 0.5;
+        painted_by_server(chart, 1, 1, 1, [&](cairo_t* cr) {
+            const auto measure = [&](const std::string& text, double size) { return ChartFont(cr, size).measure(text); };
+            const auto ghost = ChartStyle::choose_ghost(
+                w, h, forms.count(), [&](std::size_t form) { return forms.text(form); },
+                [&](const std::string& text, double size) { return measure(text, size).width; });
+            x = ghost ? ChartStyle::ghost_origin(w, h, measure(ghost->text, ghost->size)).x : x;
+        });
+        return std::abs(x - std::round(x)) < 0.25;
+    }
+
+    static void make_wider(IdleApp& app)
+    {
+        const int width = gtk_widget_get_allocated_width(app.m_window) + 1;
+        gtk_window_resize(GTK_WINDOW(app.m_window), width, gtk_widget_get_allocated_height(app.m_window));
+        ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_window) == width; }));
+    }
+
+    static void show_clock(App& app, double mhz)
+    {
+        auto& reader = *app.m_cpu_reader;
+        reader.m_cores.assign(16, {});
+        for (CoreStats& core : reader.m_cores) {
+            core.usage = mhz / 10'000;
+        }
+        app.m_sys_metrics->m_frequencies.assign(16, mhz);
+        app.update();
+    }
+
+    static void expect_charts_as_by_server(IdleApp& app)
+    {
+        ASSERT_THAT(app.m_cache.total_history, IsEmpty());
+        for (GtkWidget* const chart : {app.core(0, 0).chart, app.m_total_chart}) {
+            const int width = gtk_widget_get_allocated_width(chart);
+            const int height = gtk_widget_get_allocated_height(chart);
+            const ChartPainter::Chart shown = app.chart_of(chart, {0, 0, width, height});
+            const Picture picture = painted_by_server(chart, width, height, 1, [&](cairo_t* cr) {
+                App::paint_chart(cr, width, height, {}, shown.accent, app.palette(), App::freq_texts(shown.mhz), shown.load);
+            });
+            EXPECT_LE(Distance(Screenshot(chart), picture).largest, ROUNDING) << width << "x" << height;
+        }
+    }
 };
 
 /// A stylesheet that stands above the program's, as a user's own does.
@@ -314,6 +413,16 @@ TEST_F(ScaledWindowOnScreen, IsWhatGtkPaintsInFullResolution)
     ASSERT_TRUE(app.show());
     ASSERT_EQ(gtk_widget_get_scale_factor(app.m_window), 2);
     EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
+}
+
+TEST_F(TextsOnScreen, HaveHardEdgesWhereTheScreenHasThem)
+{
+    expect_texts_as_by_server("Xft.antialias: 0\n");
+}
+
+TEST_F(TextsOnScreen, AreSmoothedBySubpixelsWhereTheScreenIs)
+{
+    expect_texts_as_by_server("Xft.antialias: 1\nXft.rgba: rgb\n");
 }
 
 TEST_F(TickOnScreen, BackdropsAreSharedByCardsOfOneSize)
