@@ -7,7 +7,7 @@ void select_chart_font(cairo_t* cr)
     cairo_select_font_face(cr, "monospace", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_BOLD);
 }
 
-ChartFont::ChartFont(cairo_t* cr, double size)
+ChartFont::ChartFont(cairo_t* cr, double size) : m_size(size)
 {
     cairo_save(cr);
     select_chart_font(cr);
@@ -52,7 +52,8 @@ cairo_text_extents_t ChartFont::measure(std::string_view text)
 
 void ChartFont::show(cairo_t* cr, double x, double y, const std::string& text) const
 {
-    cairo_set_scaled_font(cr, m_font.get());
+    select_chart_font(cr);
+    cairo_set_font_size(cr, m_size);
     cairo_move_to(cr, x, y);
     cairo_show_text(cr, text.c_str());
 }

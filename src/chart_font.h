@@ -29,6 +29,7 @@ public:
 private:
     const cairo_text_extents_t& character(char c);
 
+    const double m_size;
     std::shared_ptr<cairo_scaled_font_t> m_font;
     std::optional<cairo_text_extents_t> m_characters[128];
 };

@@ -96,8 +96,8 @@ private:
     Typography m_typography;
 };
 
-ShapedTexts g_shaped_texts;
-int g_labels = 0;  // that are alive
+ShapedTexts& g_shaped_texts = *new ShapedTexts;  // without an end: labels of a window that is open till the end come too late for it
+int g_labels = 0;                                // that are alive
 
 /// What a plain label has found out, with a text of these extents and with the allocation and the style that it still has.
 struct Findings {

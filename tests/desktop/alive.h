@@ -238,13 +238,20 @@ inline long widgets()
 }  // namespace holdings
 
 /// Timers, idle callbacks and the like. Each gets the next number when it is added.
-inline long sources_of_main_loop()
+inline guint next_source_of_main_loop()
 {
     const guint newest = g_timeout_add_full(
         G_PRIORITY_DEFAULT, 1000, [](gpointer) -> gboolean { return TRUE; }, nullptr, nullptr);
     g_source_remove(newest);
+    return newest;
+}
+
+/// How many there are with that number or a later one.
+inline long sources_of_main_loop(guint first = 1)
+{
+    const guint end = next_source_of_main_loop();
     long count = 0;
-    for (guint number = 1; number < newest; ++number) {
+    for (guint number = first; number < end; ++number) {
         count += g_main_context_find_source_by_id(nullptr, number) != nullptr ? 1 : 0;
     }
     return count;

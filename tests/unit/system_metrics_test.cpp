@@ -537,6 +537,9 @@ TEST(Sampler, KeepsNoDescriptor)
 
 TEST(Sampler, StopEndsThePauseThoughNoDescriptorWasToBeHad)
 {
+#ifdef SANITIZED
+    GTEST_SKIP() << "the sanitizers look at objects by way of a pipe, and take one that they can't look at for a broken one";
+#endif
     FakeMachine machine;
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);
