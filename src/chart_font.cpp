@@ -16,15 +16,16 @@ ChartFont::ChartFont(cairo_t* cr, double size) : m_size(size)
     cairo_restore(cr);
 }
 
-const cairo_text_extents_t& ChartFont::character(char c)
+const cairo_text_extents_t& ChartFont::extents_of(char c)
 {
-    std::optional<cairo_text_extents_t>& known = m_characters[static_cast<unsigned char>(c) % std::size(m_characters)];
-    if (!known) {
-        known = cairo_text_extents_t{};
-        const char text[] = {c, '\0'};
-        cairo_scaled_font_text_extents(m_font.get(), text, &*known);
+    const auto known = std::find_if(m_characters.begin(), m_characters.end(), [c](const Character& k) { return k.c == c; });
+    if (known != m_characters.end()) {
+        return known->extents;
     }
-    return *known;
+    const char text[] = {c, '\0'};
+    m_characters.push_back({c, {}});
+    cairo_scaled_font_text_extents(m_font.get(), text, &m_characters.back().extents);
+    return m_characters.back().extents;
 }
 
 cairo_text_extents_t ChartFont::measure(std::string_view text)
@@ -36,7 +37,7 @@ cairo_text_extents_t ChartFont::measure(std::string_view text)
     double x = 0.0;
     bool has_ink = false;
     for (const char c : text) {
-        const cairo_text_extents_t& e = character(c);
+        const cairo_text_extents_t& e = extents_of(c);
         if (e.width != 0 && e.height != 0) {
             const double ink_left = e.x_bearing + x;
             left = has_ink ? std::min(left, ink_left) : ink_left;

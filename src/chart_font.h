@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,11 +26,15 @@ public:
     void show(cairo_t* cr, double x, double y, const std::string& text) const;
 
 private:
-    const cairo_text_extents_t& character(char c);
+    struct Character {
+        char c;
+        cairo_text_extents_t extents;
+    };
+    const cairo_text_extents_t& extents_of(char c);
 
     const double m_size;
     std::shared_ptr<cairo_scaled_font_t> m_font;
-    std::optional<cairo_text_extents_t> m_characters[128];
+    std::vector<Character> m_characters;  ///< those that have been asked for, some twenty: clocks and percentages
 };
 
 /// The sizes of the font that are in use, for one scale and one set of font options at a time.
