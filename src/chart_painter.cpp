@@ -55,10 +55,16 @@ const ChartPainter::Backdrop& ChartPainter::backdrop(int height, int scale, cons
 void ChartPainter::paint_backdrop(const PixelCanvas& canvas, const Chart& chart, const Palette& pal)
 {
     const cairo_rectangle_int_t pixels = canvas.pixels_of(chart.area);
-    const Backdrop& rows = backdrop(chart.area.height, canvas.scale, pal);
+    const std::vector<std::uint32_t>& colors = backdrop(chart.area.height, canvas.scale, pal).rows;
     const int top = canvas.y + chart.area.y * canvas.scale;
     for (int y = pixels.y; y < pixels.y + pixels.height; ++y) {
-        std::fill_n(canvas.row(y) + pixels.x, pixels.width, rows.rows[static_cast<std::size_t>(y - top)]);
+        const auto color = colors.begin() + (y - top);
+        std::uint32_t* const row = canvas.row(y) + pixels.x;
+        if (y > pixels.y && *color == color[-1]) {
+            std::copy_n(canvas.row(y - 1) + pixels.x, pixels.width, row);  // the processor's fastest way to fill memory at this length
+        } else {
+            std::fill_n(row, pixels.width, *color);
+        }
     }
     canvas.mark_dirty();
 }
