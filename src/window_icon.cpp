@@ -6,7 +6,6 @@ constexpr const char* NAME = "vantric";
 constexpr const char* INSTALLED_FILE = "/hicolor/scalable/apps/vantric.svg";
 constexpr double DRAWING_SIZE = 128.0;  // what the measures below refer to, as in data/icons/vantric.svg
 constexpr int SIZES[] = {16, 32, 48};   // pixels
-constexpr guint STARTED_S = 1;          // by then the window is there, and nobody waits
 constexpr double QUARTER_TURN = 1.5707963267948966;
 
 struct Box {
@@ -111,5 +110,5 @@ gboolean set_window_icon(gpointer)
 
 void queue_window_icon()
 {
-    g_timeout_add_seconds_full(G_PRIORITY_LOW, STARTED_S, set_window_icon, nullptr, nullptr);
+    g_idle_add_full(G_PRIORITY_LOW, set_window_icon, nullptr, nullptr);
 }
