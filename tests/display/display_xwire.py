@@ -13,12 +13,14 @@ import struct
 import threading
 import time
 from collections.abc import Callable
+from contextlib import suppress
 
 # Numbers of the core protocol: requests, events, event masks, attributes.
-CHANGE_WINDOW_ATTRIBUTES, INTERN_ATOM, GET_PROPERTY, SEND_EVENT = 2, 16, 20, 25
+CHANGE_WINDOW_ATTRIBUTES, GET_WINDOW_ATTRIBUTES, INTERN_ATOM, GET_PROPERTY, SEND_EVENT = 2, 3, 16, 20, 25
 GET_INPUT_FOCUS = 43
 CREATE_NOTIFY, DESTROY_NOTIFY, CLIENT_MESSAGE = 16, 17, 33
 STRUCTURE_NOTIFY_MASK, SUBSTRUCTURE_NOTIFY_MASK = 1 << 17, 1 << 19
+SUBSTRUCTURE_REDIRECT_MASK = 1 << 20
 PROPERTY_CHANGE_MASK = 1 << 22
 EVENT_MASK_ATTRIBUTE = 1 << 11
 ERROR, REPLY = 0, 1
@@ -66,6 +68,13 @@ class XWire:
         self._socket.sendall(struct.pack("<BxHIIIII", GET_PROPERTY, 6, window, atom, 0, 0, 0))
         return self._number_in_reply() != 0  # its type
 
+    def is_redirected(self) -> bool:
+        """Whether somebody has a say in where windows stand."""
+        self._socket.sendall(struct.pack("<BxHI", GET_WINDOW_ATTRIBUTES, 2, self.root))
+        _, rest = self._reply()
+        (masks,) = struct.unpack_from("<I", rest)
+        return bool(masks & SUBSTRUCTURE_REDIRECT_MASK)
+
     def send_delete(self, window: int) -> None:
         """What a window manager sends when its close button is pressed."""
         message = struct.pack("<BBHIIII12x", CLIENT_MESSAGE, 32, 0, window,
@@ -89,13 +98,17 @@ class XWire:
             return b""
 
     def _number_in_reply(self) -> int:
-        """First number in the answer to the request just sent; events before it are dropped."""
+        """First number in the answer to the request just sent."""
+        fixed, _ = self._reply()
+        return int(struct.unpack_from("<I", fixed, 8)[0])
+
+    def _reply(self) -> tuple[bytes, bytes]:
+        """The answer to the request just sent, its fixed part and the rest; events before it are dropped."""
         while (message := self._receive(32))[0] != REPLY:
             if message[0] == ERROR:
                 raise OSError(f"X error {message[1]}")
-        length, number = struct.unpack_from("<II", message, 4)
-        self._receive(4 * length)  # what else it tells
-        return int(number)
+        (length,) = struct.unpack_from("<I", message, 4)
+        return message, self._receive(4 * length)
 
     def _receive(self, count: int) -> bytes:
         data = b""
@@ -107,15 +120,19 @@ class XWire:
         return data
 
 
-def wait_for_root_property(number: int, name: str, timeout: float,
-                           hope: Callable[[], bool]) -> bool:
-    """Waits until the root window has the property; False after the timeout or without hope."""
+def wait_for_window_manager(number: int, is_modern: bool, timeout: float,
+                            hope: Callable[[], bool]) -> bool:
+    """Waits until somebody manages the windows; False after the timeout or without hope.
+
+    A modern window manager says on the root window when it is ready. An old one takes the
+    decision about windows to itself, and that is all.
+    """
     wire = XWire(number)
     try:
         wire.select_events(wire.root, PROPERTY_CHANGE_MASK)  # before the first look: no gap
-        atom = wire.atom(name)
+        atom = wire.atom("_NET_SUPPORTING_WM_CHECK")
         deadline = time.monotonic() + timeout
-        while not wire.has_property(wire.root, atom):
+        while not (wire.has_property(wire.root, atom) if is_modern else wire.is_redirected()):
             if wire.wait_for_message(HOPE_INTERVAL):
                 wire.next_message()
             elif not hope() or time.monotonic() >= deadline:
@@ -175,7 +192,8 @@ class SlotKeeper(threading.Thread):
             self._signs.acquire(timeout=timeout)
 
     def stop(self) -> None:
-        self._wire.shut_down()
+        with suppress(OSError):  # the server has ended before us
+            self._wire.shut_down()
         self.join()
         for wire in (self._wire, *self._held.values()):
             wire.close()

@@ -22,16 +22,17 @@ from abc import ABC, abstractmethod
 from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 from types import TracebackType
-from typing import Any, Literal, Self, TypeVar
+from typing import Any, Self, TypeVar
 
+from display_managers import WINDOW_MANAGERS
 from display_pictures import load_picture, pixel
 from display_process import (DisplayError, Process, ReadyPipe, WaitTimeout, dying_with_parent,
                              end_processes_with, wait_until)
 from display_x11 import Geometry, X11Windows, run_tool
-from display_xwire import SlotKeeper, XWire, wait_for_root_property
+from display_xwire import SlotKeeper, XWire, wait_for_window_manager
 
-__all__ = ["Display", "DisplayError", "Geometry", "Process", "SwayDisplay", "WaitTimeout",
-           "WestonDisplay", "XDisplay", "load_picture", "pixel", "wait_until"]
+__all__ = ["Display", "DisplayError", "Geometry", "Process", "SwayDisplay", "TwoMonitors",
+           "WaitTimeout", "WestonDisplay", "XDisplay", "load_picture", "pixel", "wait_until"]
 
 T = TypeVar("T")
 
@@ -96,6 +97,7 @@ class Display(ABC):
         self.env: dict[str, str] = {}  #: complete environment of a client
         self.processes: list[Process] = []  #: what `spawn` has started, oldest first
         self._services: list[Process] = []  # bus, server, window manager, in this order
+        self.server: Process  #: X server or compositor; a test may end it
 
     # --- life cycle ---
 
@@ -229,9 +231,12 @@ class XDisplay(X11Windows, Display):
     """An X server in memory (Xvfb), with a window manager."""
 
     def __init__(self, width: int = 1280, height: int = 1024,
-                 window_manager: Literal["openbox", "xfwm4"] | None = "openbox",
+                 window_manager: str | None = "openbox",
                  scale: int = 1, server_options: Sequence[str] = ()) -> None:
-        """`scale` is GDK_SCALE: the screen stays as large, GTK draws each point N pixels wide."""
+        """`window_manager` is one of WINDOW_MANAGERS, which has to be installed.
+
+        `scale` is GDK_SCALE: the screen stays as large, GTK draws each point N pixels wide.
+        """
         super().__init__(width, height, scale)
         self.window_manager = window_manager
         self._server_options = server_options
@@ -239,28 +244,29 @@ class XDisplay(X11Windows, Display):
 
     def _start(self) -> None:
         pipe = ReadyPipe()
-        server = self._serve("Xvfb", [
-            "Xvfb", "-displayfd", str(pipe.write_end), "-screen", "0",
-            f"{self.width}x{self.height}x24", "-dpi", "96", "-nolisten", "tcp",
-            "-noreset",  # else it forgets all settings when the last client leaves
-            "-maxclients", "1024",  # room for the slots that SlotKeeper occupies
-            *self._server_options,
-        ], pass_fds=[pipe.write_end])
-        self.number = int(pipe.line(server, START_TIMEOUT))
+        command = [*self._server_command(), "-displayfd", str(pipe.write_end), "-dpi", "96",
+                   "-nolisten", "tcp",
+                   "-noreset",  # else it forgets all settings when the last client leaves
+                   "-maxclients", "1024",  # room for the slots that SlotKeeper occupies
+                   *self._server_options]
+        self.server = self._serve(command[0], command, pass_fds=[pipe.write_end])
+        self.number = int(pipe.line(self.server, START_TIMEOUT))
         self.env |= {"DISPLAY": f":{self.number}", "GDK_BACKEND": "x11",
                      "GDK_SCALE": str(self.scale), "XDG_SESSION_TYPE": "x11"}
         self._keeper = SlotKeeper(self.number)
         self._keeper.start()
 
+    def _server_command(self) -> list[str]:
+        return ["Xvfb", "-screen", "0", f"{self.width}x{self.height}x24"]
+
     def _start_window_manager(self) -> None:
-        commands = {"openbox": ["openbox", "--sm-disable"],
-                    "xfwm4": ["xfwm4", "--compositor=off"]}
         if self.window_manager is None:
             return
-        manager = self._serve(self.window_manager, commands[self.window_manager],
-                              {"GDK_SCALE": "1"})
-        if not wait_for_root_property(self.number, "_NET_SUPPORTING_WM_CHECK", START_TIMEOUT,
-                                      hope=manager.running):
+        kind = WINDOW_MANAGERS[self.window_manager]
+        manager = self._serve(self.window_manager, kind.set_up(self.home),
+                              {"GDK_SCALE": "1", **kind.variables})
+        if not wait_for_window_manager(self.number, kind.is_modern, START_TIMEOUT,
+                                       hope=manager.running):
             raise DisplayError(f"{manager} does not manage windows:\n{manager.last_words()}")
 
     def spawn(self, argv: Sequence[str | Path], env_extra: Mapping[str, str | None] = {},
@@ -282,12 +288,69 @@ class XDisplay(X11Windows, Display):
 
     def close(self, window: int) -> None:
         """Asks the program to close the window, as the close button of its frame does."""
-        if self.window_manager is not None:
+        if self.window_manager and WINDOW_MANAGERS[self.window_manager].is_modern:
             super().close(window)
             return
         wire = XWire(self.number)  # nobody is there who would pass the usual request on
         wire.send_delete(window)
         wire.close()
+
+
+class TwoMonitors(XDisplay):
+    """An X server with two monitors side by side (Xorg), of which the left is the primary one."""
+
+    MONITOR = (1024, 768)  #: pixels of each; what the driver offers by itself
+
+    def __init__(self, window_manager: str | None = "openbox") -> None:
+        super().__init__(2 * self.MONITOR[0], self.MONITOR[1], window_manager)
+
+    def _server_command(self) -> list[str]:
+        config = self.folder / "xorg.conf"
+        config.write_text(XORG_CONFIG.format(width=self.width, height=self.height))
+        return ["Xorg", "-config", str(config), "-configdir", "none",
+                "-logfile", str(self.folder / "logs/Xorg.log"), "-sharevts", "-novtswitch"]
+
+    def _start(self) -> None:
+        super()._start()
+        run_tool(["xrandr", "--addmode", "DUMMY1", self._mode], self.env)
+        self.plug_in()
+
+    @property
+    def _mode(self) -> str:
+        return f"{self.MONITOR[0]}x{self.MONITOR[1]}"
+
+    def plug_in(self) -> None:
+        run_tool(["xrandr", "--output", "DUMMY0", "--mode", self._mode, "--pos", "0x0", "--primary",
+                  "--output", "DUMMY1", "--mode", self._mode, "--pos", f"{self.MONITOR[0]}x0"],
+                 self.env)
+        run_tool(["xrandr", "--query"], self.env)  # lets the server notice that it is connected
+
+    def unplug(self) -> None:
+        """Takes the second monitor away."""
+        run_tool(["xrandr", "--output", "DUMMY1", "--off"], self.env)
+
+
+XORG_CONFIG = """\
+Section "Device"
+  Identifier "memory"
+  Driver "dummy"
+  VideoRam 65536
+EndSection
+Section "Screen"
+  Identifier "screen"
+  Device "memory"
+  DefaultDepth 24
+  SubSection "Display"
+    Depth 24
+    Virtual {width} {height}
+  EndSubSection
+EndSection
+Section "ServerFlags"
+  Option "AutoAddDevices" "false"
+  Option "AutoAddGPU" "false"
+  Option "DontVTSwitch" "true"
+EndSection
+"""
 
 
 class SwayDisplay(Display):
@@ -302,12 +365,12 @@ class SwayDisplay(Display):
     def _start(self) -> None:
         config = self.folder / "sway.conf"
         config.write_text(self._config())
-        server = self._serve("sway", _as_ordinary_user(["sway", "-c", str(config)]), {
+        self.server = self._serve("sway", _as_ordinary_user(["sway", "-c", str(config)]), {
             "WLR_BACKENDS": "headless", "WLR_HEADLESS_OUTPUTS": str(self.outputs),
             "WLR_RENDERER": "pixman", "WLR_LIBINPUT_NO_DEVICES": "1",
             "SWAYSOCK": str(self._control_socket),
         })
-        name = _wait_for_server(server, self._socket_name)
+        name = _wait_for_server(self.server, self._socket_name)
         self.env |= {"WAYLAND_DISPLAY": name, "GDK_BACKEND": "wayland",
                      "XDG_SESSION_TYPE": "wayland", "SWAYSOCK": str(self._control_socket)}
 
@@ -383,13 +446,13 @@ class WestonDisplay(Display):
         name = "wayland-0"
         config = self.folder / "weston.ini"
         config.write_text(WESTON_CONFIG)
-        server = self._serve("weston", [
+        self.server = self._serve("weston", [
             "weston", "--backend=headless-backend.so", "--use-pixman", f"--config={config}",
             f"--width={self.width // self.scale}", f"--height={self.height // self.scale}",
             f"--scale={self.scale}", f"--socket={name}", "--idle-time=0",
             "--debug",  # else it refuses screenshots
         ])
-        _wait_for_server(server, lambda: _accepts(self.runtime_dir / name))
+        _wait_for_server(self.server, lambda: _accepts(self.runtime_dir / name))
         self.env |= {"WAYLAND_DISPLAY": name, "GDK_BACKEND": "wayland",
                      "XDG_SESSION_TYPE": "wayland"}
 

@@ -22,7 +22,8 @@ sys.path.insert(0, str(HERE))
 
 from display_process import end_processes_with, processes_with  # noqa: E402
 from displays import (Display, DisplayError, Process, SwayDisplay, WaitTimeout,  # noqa: E402
-                      WestonDisplay, XDisplay, load_picture, pixel, wait_until)
+                      TwoMonitors, WestonDisplay, XDisplay, load_picture, pixel,
+                      wait_until)
 
 PEER = struct.Struct("3i")  # process, user and group id, as SO_PEERCRED tells them
 ON_DISPLAY = str(HERE / "on-display")
@@ -135,6 +136,21 @@ def test_move_and_resize_arrive(managed: XDisplay, probe: Path) -> None:
                "the new geometry inside the frame")
 
 
+@pytest.mark.parametrize("name", ["metacity", "icewm"])
+def test_other_window_managers(name: str, probe: Path) -> None:
+    with XDisplay(window_manager=name) as display:
+        program = display.spawn([probe])
+        window = display.find_window("Probe", timeout=TIMEOUT)
+        display.move(window, 200, 100)
+        wait_for_line(program, "configure 200,100 300x200")
+        left, _, top, _ = display.properties(window)["_NET_FRAME_EXTENTS"]
+        assert left > 0 and top > left  # a title bar
+        wait_until(lambda: display.geometry(window) == (200 + left, 100 + top, 300, 200), TIMEOUT,
+                   "the new geometry inside the frame")
+        display.close(window)
+        assert program.wait(TIMEOUT) == 0
+
+
 def test_close_is_a_delete_event(managed: XDisplay, probe: Path) -> None:
     program = managed.spawn([probe])
     window = managed.find_window("Probe", timeout=TIMEOUT)
@@ -154,6 +170,15 @@ def test_display_without_window_manager(probe: Path) -> None:
         display.close(window)
         assert program.wait(TIMEOUT) == 0
         assert program.stdout().splitlines()[-1] == "delete"
+
+
+def test_two_monitors(probe: Path) -> None:
+    with TwoMonitors() as display:
+        wait_for_line(display.spawn([probe]), "monitors 2")
+        display.unplug()
+        wait_for_line(display.spawn([probe]), "monitors 1")
+        display.plug_in()
+        wait_for_line(display.spawn([probe]), "monitors 2")
 
 
 def test_click_arrives_where_it_was_aimed(probe: Path) -> None:
