@@ -23,8 +23,6 @@ constexpr int COLORS_MARGIN = 4;
 constexpr int SEPARATOR_PADDING = 2;
 constexpr int DISCLAIMER_SPACING = 4;
 constexpr int DISCLAIMER_WIDTH_CHARS = 38;
-constexpr int MIN_COLUMNS = 1;
-constexpr int MAX_COLUMNS = 16;
 
 constexpr const char* DEVELOPER = "Ilan Morvay";
 constexpr const char* MAKER = "Fennmark Software";
@@ -522,7 +520,7 @@ void App::save_settings() const
 
 void App::step_columns(int step)
 {
-    if (step < 0 ? m_num_columns > MIN_COLUMNS : m_num_columns < MAX_COLUMNS) {
+    if (step < 0 ? m_num_columns > WindowGeometry::MIN_COLUMNS : m_num_columns < WindowGeometry::MAX_COLUMNS) {
         m_num_columns += step;
     }
     gtk_label_set_text(GTK_LABEL(m_col_label), std::to_string(m_num_columns).c_str());

@@ -1,3 +1,4 @@
+/// "geometry.json": one line with both records, read by a scan of its own and overwritten in place.
 #include "window_manager.h"
 
 #include <algorithm>
@@ -10,8 +11,6 @@
 namespace {
 
 constexpr const char* GEOMETRY_FILE = "geometry.json";
-constexpr int MIN_COLUMNS = 1;
-constexpr int MAX_COLUMNS = 16;
 
 /// What sets the keys of an orientation apart.
 std::string prefix_for(bool horizontal)
@@ -20,8 +19,11 @@ std::string prefix_for(bool horizontal)
 }
 
 /// The number behind the first "key": (the colon right behind the quotation mark), or `def` if there is none that fits in 32 bits.
-/// A flat scan on purpose, as in the settings: whatever stands in the file must not keep the program from starting. The quotation
-/// mark in front keeps "x" from being found in "h_x".
+/// A flat scan on purpose: whatever stands in the file must not keep the program from starting. The quotation mark in front keeps "x"
+/// from being found in "h_x".
+/// Not to be merged with read_string() of settings.cpp, which lets anything stand between key and colon and then wants a text in quotation
+/// marks: here the colon follows at once, so that only a key is taken for one, and a number ends by itself, wherever the file was cut. Under
+/// one rule for both, files that load today would load otherwise.
 int parse_int(const std::string& json, const std::string& key, int def)
 {
     const std::string needle = '"' + key + "\":";
@@ -44,7 +46,8 @@ WindowGeometry parse_set(const std::string& json, bool horizontal)
     geometry.y = parse_int(json, prefix + "y", 0);
     geometry.width = parse_int(json, prefix + "width", 0);
     geometry.height = parse_int(json, prefix + "height", 0);
-    geometry.num_columns = std::clamp(parse_int(json, prefix + "num_columns", geometry.num_columns), MIN_COLUMNS, MAX_COLUMNS);
+    const int columns = parse_int(json, prefix + "num_columns", geometry.num_columns);
+    geometry.num_columns = std::clamp(columns, WindowGeometry::MIN_COLUMNS, WindowGeometry::MAX_COLUMNS);
     geometry.valid = geometry.width > 0;
     return geometry;
 }

@@ -7,11 +7,14 @@
 
 /// One orientation's record, in pixels. Only `valid` tells whether a size is stored; the member defaults stand for "no file".
 struct WindowGeometry {
+    static constexpr int MIN_COLUMNS = 1;  ///< of cards: what the file may say, and what the dialog offers
+    static constexpr int MAX_COLUMNS = 16;
+
     std::int32_t x = 100;
     std::int32_t y = 100;
     std::int32_t width = 0;
     std::int32_t height = 0;
-    std::int32_t num_columns = 4;  ///< columns of cards; 1 to 16 after a load
+    std::int32_t num_columns = 4;  ///< columns of cards; MIN_COLUMNS to MAX_COLUMNS after a load
     bool valid = false;            ///< the stored width is above 0; not in the file
 };
 

@@ -173,7 +173,7 @@ def test_numbers_of_languages_and_columns_are_told() -> None:
     assert f"One of {languages}, or" in manual()
     (metainfo,) = (ROOT / "data").glob("*.metainfo.xml*")
     assert f"in {languages} languages" in metainfo.read_text()
-    least, most = constant("app_settings.cpp", "MIN_COLUMNS"), constant("app_settings.cpp", "MAX_COLUMNS")
+    least, most = constant("window_manager.h", "MIN_COLUMNS"), constant("window_manager.h", "MAX_COLUMNS")
     assert f"**Columns**, {least} to {most}:" in section("What can be changed")
     assert f"From {least} to {most}." in manual()
 
