@@ -1,3 +1,4 @@
+/// Colours and their texts; the stylesheet has a file of its own, theme_stylesheet.cpp.
 #include "theme.h"
 
 #include <charconv>
@@ -5,52 +6,9 @@
 #include <cstdio>
 #include <string_view>
 
-#include "i18n.h"
-#include "settings.h"
-
 namespace {
 
 constexpr double CHANNEL_MAX = 255.0;
-
-constexpr std::size_t CSS_BUFFER_SIZE = 4096;
-constexpr double DIM_TEXT = 0.72;  // weight of the text colour over the panel's
-constexpr double SOFT_TEXT = 0.81;
-constexpr double WELL_PANEL = 0.5;  // weight of the panel colour over the background's
-constexpr const char* OUTLINE_DARK = "#8A8A8E";
-constexpr const char* OUTLINE_LIGHT = "#909090";
-
-// The values in the order in which build_css() fills them in. Comments are part of the stylesheet, so GTK's inspector shows them.
-constexpr const char* CSS_TEMPLATE = R"css(window { background-color: %s; }
-.header { padding: 6px 8px 4px 8px; }
-.cpu-name { color: %s; font-family: monospace; font-size: 10px; font-weight: bold; }
-.info-line { color: %s; font-family: %s; font-size: 9px; }
-.total-card { background-color: %s; border-radius: 5px; border: 1px solid %s; margin: 2px 6px; padding: 4px; }
-.section-header { margin: 5px 6px 1px 6px; }
-.group-name { color: %s; font-family: %s; font-size: 10px; font-weight: bold; }
-.group-freq { color: %s; font-family: monospace; font-size: 9px; }
-.core-card { background-color: %s; border-radius: 5px; border: 1px solid %s; padding: 3px 3px 2px 3px; }
-.core-label { color: %s; font-family: %s; font-size: 9px; font-weight: bold; }
-.pct-label { font-family: monospace; font-size: 9px; font-weight: bold; }
-.popover-box { padding: 12px; }
-.about-name { color: %s; font-size: 14px; font-weight: bold; }
-.about-version { color: %s; font-size: 10px; }
-.about-dev { color: %s; font-size: 10px; }
-.about-dim { color: %s; font-size: 9px; }
-.disclaimer-box { background-color: %s; border-radius: 5px; padding: 8px; }
-.disclaimer-text { color: %s; font-size: 9px; }
-.settings-label { color: %s; font-size: 11px; }
-/* GTK's own colour for the label is a mid-grey, hard to read on a dark panel */
-.settings-expander, .settings-expander > label, .settings-expander label { color: %s; font-size: 11px; font-weight: bold; }
-/* A button's colour has to reach the label in it */
-.gear-btn, .gear-btn label { color: %s; font-size: 13px; font-weight: bold; }
-/* Without the padding and minimum size of GTK's theme, which push the gear out of its corner */
-.gear-btn { padding: 0; margin: 0; min-width: 0; min-height: 0; border: none; box-shadow: none; }
-.throttle-label { font-family: %s; font-size: 9px; font-weight: bold; }
-/* Nearly black on nearly black would vanish without an outline */
-.color-swatch, .color-swatch colorswatch, .color-swatch button { border: 1px solid %s; border-radius: 3px; min-width: 34px; min-height: 18px; }
-/* GTK gives combo boxes far more padding than the widgets around them */
-.settings-combo, .settings-combo button { min-height: 22px; padding-top: 1px; padding-bottom: 1px; font-size: 11px; }
-)css";
 
 /// The low eight bits of `value` as a channel.
 double channel(std::uint32_t value)
@@ -151,40 +109,4 @@ std::string mix_hex(const std::string& a, const std::string& b, double t)
         return a;
     }
     return rgb_to_hex(mix(first, second, t));
-}
-
-std::string build_css(const Settings& settings, const Palette& palette)
-{
-    const std::string bg = with_hash(settings.background(palette.dark));
-    const std::string panel = with_hash(settings.panel(palette.dark));
-    const std::string text = with_hash(settings.text(palette.dark));
-    const std::string gear = with_hash(settings.gear(palette.dark));
-    const std::string dim = mix_hex(text, panel, DIM_TEXT);
-    const std::string soft = mix_hex(text, panel, SOFT_TEXT);
-    const std::string well = mix_hex(panel, bg, WELL_PANEL);
-    const char* const font = I18n::instance().ui_font_family();
-    const char* const outline = palette.dark ? OUTLINE_DARK : OUTLINE_LIGHT;
-
-    std::array<char, CSS_BUFFER_SIZE> css;
-    std::snprintf(css.data(), css.size(), CSS_TEMPLATE,
-                  bg.c_str(),                             // window
-                  text.c_str(),                           // .cpu-name
-                  text.c_str(), font,                     // .info-line
-                  panel.c_str(), palette.border.c_str(),  // .total-card
-                  text.c_str(), font,                     // .group-name
-                  dim.c_str(),                            // .group-freq
-                  panel.c_str(), palette.border.c_str(),  // .core-card
-                  dim.c_str(), font,                      // .core-label
-                  text.c_str(),                           // .about-name
-                  dim.c_str(),                            // .about-version
-                  text.c_str(),                           // .about-dev
-                  dim.c_str(),                            // .about-dim
-                  well.c_str(),                           // .disclaimer-box
-                  soft.c_str(),                           // .disclaimer-text
-                  text.c_str(),                           // .settings-label
-                  text.c_str(),                           // .settings-expander
-                  gear.c_str(),                           // .gear-btn
-                  font,                                   // .throttle-label
-                  outline);                               // .color-swatch
-    return css.data();
 }

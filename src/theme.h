@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <string>
 
+// Settings are made of what stands here. Only build_css() looks into them, and so has a source file of its own: theme_stylesheet.cpp
 struct Settings;
 
 /// The value in the width of a double. Registers of some machines are wider, and what they keep beyond it would tip a rounding.

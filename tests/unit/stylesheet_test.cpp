@@ -243,7 +243,7 @@ TEST_F(Stylesheet, ColorsWithoutHashGetItBack)
 
 TEST_F(Stylesheet, TextThatIsNoColorGoesInAsItStandsAndUnmixed)
 {
-    for (const char* odd : {"chartreuse", "#FFF", "", "#GGGGGG", "1234567", "red; }", "%s%n%d"}) {
+    for (const char* odd : {"chartreuse", "#FFF", "", "#GGGGGG", "1234567", "red; }", "%s%n%d", "$bg", "$"}) {
         settings.text_light = odd;
         Look look = LIGHT;
         look.text = look.dim = look.soft = odd;
