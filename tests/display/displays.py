@@ -423,6 +423,11 @@ class SwayDisplay(Display):
         """Asks the program to close its window."""
         self.command(f'[app_id="{app_id}"] kill')
 
+    def set_scale(self, scale: int) -> None:
+        """Another scale for all outputs, which clients have to follow."""
+        self.command(f"output * scale {scale}")
+        self.scale = scale
+
     def resize(self, app_id: str, width: int, height: int) -> None:
         self.command(f'[app_id="{app_id}"] resize set {width} {height}')
 

@@ -110,7 +110,8 @@ class AccessibilityBus:
         self.close()
 
     def close(self) -> None:
-        self._bus.close_sync(None)
+        if not self._bus.is_closed():  # it may have ended
+            self._bus.close_sync(None)
 
     def application(self, pid: int) -> Address | None:
         """The root object of the process, None as long as it has not come forward."""

@@ -228,6 +228,18 @@ def test_portal_that_comes_goes_and_comes_again(screen: Screen, start: Start) ->
         screen.wait_for(monitor, LIGHT)
 
 
+def test_portal_that_dies_over_a_question(following: tuple[Monitor, MockPortal], screen: Screen) -> None:
+    monitor, first = following
+    first.change(Late(scheme(DARK)))
+    first.wait_for_questions(2)
+    first.connection.close_sync(None)
+    screen.wait_for_ticks(monitor)
+    assert screen.scheme(monitor) == LIGHT
+    with MockPortal(screen.display.env["DBUS_SESSION_BUS_ADDRESS"], scheme(DARK)) as second:
+        emit(second.connection)
+        screen.wait_for(monitor, DARK)
+
+
 def test_burst_of_a_thousand_signals(following: tuple[Monitor, MockPortal], screen: Screen) -> None:
     monitor, portal = following
     signals = 1000

@@ -29,6 +29,7 @@ from repeating import Repeating
 PRESETS = ["hybrid-20", "hybrid-22", "desktop-16", "laptop-acpitz", "server-64", "vm-2", "arm-8", "offline-8",
            "levels-5"]
 WITHOUT_CLOCKS = {"vm-2"}
+SECONDS_A_DAY = 86400
 
 ZONE = "/sys/class/thermal/thermal_zone0"
 THROTTLE_COUNT = f"{CPUS}/cpu0/thermal_throttle/core_throttle_count"
@@ -284,6 +285,32 @@ def test_moving_machine_shows_only_what_its_files_have_held(x11: XDisplay, start
     assert {shown.info for shown in seen} <= recorder.infos
     degrees = {shown.tooltip for shown in seen if "°C" in shown.tooltip}
     assert {re.sub(r"^Throttle: |\n.*", "", text) for text in degrees} <= recorder.tooltips
+
+
+def test_clock_that_is_set_back_and_forth(x11: XDisplay, start: Start, machines, preloaded, tmp_path: Path) -> None:
+    machine = machines.enter_context(Machine(steady_cpus([20, 60], energy={"watts": 40})))
+    history = EnergyHistory(machine)
+    machine.start()
+    clock = tmp_path / "clock"
+    clock.write_text("0")
+    monitor = start(x11, machine, env={**preloaded("set_clock"), "SET_CLOCK_FILE": str(clock)})
+    cards = monitor.content().cards
+    seen: set[str] = set()
+
+    def another_power(than: str) -> str:
+        text = status_text(monitor)
+        return text if text.endswith("W") and text != than else ""
+    shown = wait_until(lambda: another_power(""), TIMEOUT, "a power")
+    shown = wait_until(lambda: another_power(shown), TIMEOUT, "one that spans a whole pause")
+    for day, load in [(1, [60, 20]), (-1, [20, 60])]:
+        clock.write_text(str(day * SECONDS_A_DAY))
+        machine.set_load("steady", load)
+        shown = wait_until(lambda: another_power(shown), TIMEOUT, "the next power")
+        seen.add(shown)
+        monitor.wait_for_percentages(cards, [f"{percent}%" for percent in load], f"on day {day}")
+    powers = [re.fullmatch(r"CPU 50°C  (\d+\.\d)W", text) for text in seen]
+    assert all(power and history.explains(float(power[1])) for power in powers), seen
+
 
 
 def steady_cpus(loads: list[float], mhz: float = 4000, **more: object) -> dict:
