@@ -39,11 +39,12 @@ struct WindowRect {
 };
 
 /// The one application object; main thread only.
-///   app.cpp         life cycle, tick             app_layout.cpp    the tree, placement, sizes, card titles
-///   app_window.cpp  window and geometry          app_rebuild.cpp   change of columns and orientation
-///   app_charts.cpp  painting                     app_settings.cpp  the settings dialog
-///   app_status.cpp  throttle label, info line    app_theme.cpp     light and dark, the stylesheet
-///   app_cards.cpp   cards, headers, total panel  app_language.cpp  language change while running
+///   app.cpp           life cycle, tick             app_layout.cpp    the tree, placement, sizes, card titles
+///   app_window.cpp    window and geometry          app_rebuild.cpp   change of columns and orientation
+///   app_painting.cpp  the window onto the screen   app_settings.cpp  the settings dialog
+///   app_charts.cpp    charts, colours of load      app_theme.cpp     light and dark, the stylesheet
+///   app_status.cpp    throttle label, info line    app_language.cpp  language change while running
+///   app_cards.cpp     cards, headers, total panel
 class App {
 public:
     // --- app.cpp: life cycle and tick ---

@@ -1,35 +1,24 @@
 /// The settings dialog: each change takes effect and is saved at once.
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <string_view>
 
+#include "about_text.h"
 #include "app.h"
-#include "build_config.h"
+#include "dialog_rows.h"
+#include "focus_keeper.h"
+#include "gtk_workarounds.h"
 #include "i18n.h"
 #include "settings.h"
-#include "signal_gate.h"
 #include "widget_building.h"
 
 namespace {
 
-constexpr int ROW_SPACING = 6;
 constexpr int CONTENT_WIDTH = 280;
-constexpr int COMBO_WIDTH = 140;
 constexpr int COLUMN_NUMBER_WIDTH = 28;
 constexpr int LANGUAGES_PER_LINE = 3;
 constexpr int COLOR_ROW_SPACING = 3;
 constexpr int COLORS_MARGIN = 4;
-constexpr int SEPARATOR_PADDING = 2;
-constexpr int DISCLAIMER_SPACING = 4;
-constexpr int DISCLAIMER_WIDTH_CHARS = 38;
-
-constexpr const char* DEVELOPER = "Ilan Morvay";
-constexpr const char* MAKER = "Fennmark Software";
-constexpr std::string_view SCHEME_END = "://";
-constexpr const char* DISCLAIMER_KEY =
-    "This software is provided \"as is\", without warranty of any kind, express or implied. Use at your own risk. The author shall not "
-    "be liable for any damages arising from the use of this software.";
 
 /// A colour of the interface that can be chosen. Those of the scheme differ between light and dark.
 struct ColorSlot {
@@ -64,236 +53,12 @@ std::string* color_field(Settings& settings, std::string_view slot, bool dark)
     return found != std::end(COLOR_SLOTS) ? &found->field(settings, dark) : nullptr;
 }
 
-const char* tr(const char* key)
-{
-    return I18n::instance().tr(key);
-}
-
 /// What the chooser of a colour is called: "Colors – Background (Dark)", or "Colors – Total" where both schemes have the same.
 std::string color_title(const std::string& label, const std::string& slot, bool dark)
 {
     Settings any;
     const bool is_of_scheme = color_field(any, slot, true) != color_field(any, slot, false);
     return tr("Colors") + (" – " + label) + (is_of_scheme ? std::string(" (") + tr(dark ? "Dark" : "Light") + ")" : "");
-}
-
-/// Ties a control to the label beside it, for screen readers.
-void name_by_label(GtkWidget* control, GtkWidget* label)
-{
-    gtk_label_set_mnemonic_widget(GTK_LABEL(label), control);
-    set_accessible_name(control, gtk_label_get_text(GTK_LABEL(label)));
-}
-
-/// Ties a control to a title that it shares with others, for screen readers.
-void belong_to_title(GtkWidget* control, GtkWidget* title)
-{
-    atk_object_add_relationship(gtk_widget_get_accessible(control), ATK_RELATION_LABELLED_BY, gtk_widget_get_accessible(title));
-}
-
-/// Lets a button tell what a label says, also when that changes: whoever has pressed it hears what came of it.
-void describe_by_label(GtkWidget* button, GtkWidget* label)
-{
-    const auto describe = +[](GtkLabel* changed, GParamSpec*, gpointer described) {
-        set_accessible_description(GTK_WIDGET(described), gtk_label_get_text(changed));
-    };
-    describe(GTK_LABEL(label), nullptr, button);
-    g_signal_connect_object(label, "notify::label", G_CALLBACK(describe), button, GConnectFlags{});
-}
-
-/// Lets a colour button tell its colour, as it is saved.
-void describe_by_color(GtkWidget* button)
-{
-    const auto describe = +[](GtkColorChooser* changed, GParamSpec*, gpointer) {
-        GdkRGBA color;
-        gtk_color_chooser_get_rgba(changed, &color);
-        set_accessible_description(GTK_WIDGET(changed), rgb_to_hex({color.red, color.green, color.blue}));
-    };
-    describe(GTK_COLOR_CHOOSER(button), nullptr, nullptr);
-    g_signal_connect(button, "notify::rgba", G_CALLBACK(describe), nullptr);
-}
-
-/// A label at the start and a control at the end.
-GtkWidget* create_row(GtkWidget* label, GtkWidget* control)
-{
-    GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, ROW_SPACING);
-    pack_start(row, label, Fill::YES);
-    pack_end(row, control);
-    name_by_label(control, label);
-    return row;
-}
-
-struct Choice {
-    std::string id;    // as it stands in the settings
-    std::string text;  // as it is shown
-};
-
-/// A combo box with its label. The active choice is set before the signal is connected, so that building raises no change.
-GtkWidget* create_combo_row(const char* label, const std::vector<Choice>& choices, const std::string& active, const Handlers& handlers,
-                            GCallback on_changed, int wrap_width = 0)
-{
-    GtkWidget* combo = gtk_combo_box_text_new();
-    for (const Choice& choice : choices) {
-        gtk_combo_box_text_append(GTK_COMBO_BOX_TEXT(combo), choice.id.c_str(), choice.text.c_str());
-    }
-    gtk_combo_box_set_wrap_width(GTK_COMBO_BOX(combo), wrap_width);
-    gtk_combo_box_set_active_id(GTK_COMBO_BOX(combo), active.c_str());
-    handlers.connect(combo, "changed", on_changed);
-    add_class(combo, "settings-combo");
-    gtk_widget_set_size_request(combo, COMBO_WIDTH, -1);
-    return create_row(create_label(label, 0.0, "settings-label"), combo);
-}
-
-GtkWidget* create_button(const char* label, const Handlers& handlers, GCallback on_clicked)
-{
-    GtkWidget* button = gtk_button_new_with_label(label);
-    handlers.connect(button, "clicked", on_clicked);
-    return button;
-}
-
-/// The chosen id, if it is another than the setting; null if there is nothing to change.
-const char* new_choice(GtkComboBox* combo, const std::string& setting)
-{
-    const char* const id = gtk_combo_box_get_active_id(combo);
-    return id != nullptr && setting != id ? id : nullptr;
-}
-
-void add_separator(GtkWidget* box)
-{
-    pack_start(box, gtk_separator_new(GTK_ORIENTATION_HORIZONTAL), Fill::NO, SEPARATOR_PADDING);
-}
-
-std::string version_text()
-{
-    std::string text = std::string("v") + BuildConfig::APP_VERSION;
-    if (const char* revision = std::getenv("SNAP_REVISION")) {
-        text += std::string(" (rev ") + revision + ")";
-    }
-    return text;
-}
-
-/// Opens the link as GTK would, with two differences: what is started can be ended by signals, and a desktop without a program for the link
-/// gives no warning.
-gboolean on_activate_link(GtkLinkButton* link, gpointer)
-{
-    const SignalGate::ForNewPrograms gate;
-    // Without a parent window: with one GTK would start the program later, from a thread of its own
-    gtk_show_uri_on_window(nullptr, gtk_link_button_get_uri(link), gtk_get_current_event_time(), nullptr);
-    return GDK_EVENT_STOP;
-}
-
-/// The address without its scheme, and without the slash at its end.
-std::string link_text(std::string_view uri)
-{
-    const std::size_t scheme = uri.find(SCHEME_END);
-    uri.remove_prefix(scheme != std::string_view::npos ? scheme + SCHEME_END.size() : 0);
-    uri.remove_suffix(uri.ends_with('/') ? 1 : 0);
-    return std::string(uri);
-}
-
-void add_link(GtkWidget* box, const std::string& uri, const char* label)
-{
-    GtkWidget* link = gtk_link_button_new_with_label(uri.c_str(), label);
-    g_signal_connect(link, "activate-link", G_CALLBACK(on_activate_link), nullptr);
-    pack_start(box, link, Fill::NO);
-}
-
-void add_about(GtkWidget* box)
-{
-    const auto add_line = [box](const std::string& text, const char* css_class) {
-        pack_start(box, create_label(text, 0.5, css_class), Fill::NO);
-    };
-    add_line(BuildConfig::APP_NAME, "about-name");
-    add_line(version_text(), "about-version");
-    add_line(tr("Developed by"), "about-dim");
-    add_line(DEVELOPER, "about-dev");
-    add_line(MAKER, "about-dim");
-    add_line(BuildConfig::ABOUT_YEAR, "about-dim");
-    add_link(box, BuildConfig::WEB_SITE, link_text(BuildConfig::WEB_SITE).c_str());
-    add_link(box, std::string("mailto:") + BuildConfig::CONTACT_ADDRESS, BuildConfig::CONTACT_ADDRESS);
-}
-
-GtkWidget* create_disclaimer()
-{
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, DISCLAIMER_SPACING);
-    add_class(box, "disclaimer-box");
-    pack_start(box, create_label(tr("Disclaimer"), 0.0, "about-dim"), Fill::NO);
-    GtkWidget* text = create_label(tr(DISCLAIMER_KEY), 0.0, "disclaimer-text");
-    gtk_label_set_line_wrap(GTK_LABEL(text), TRUE);
-    gtk_label_set_max_width_chars(GTK_LABEL(text), DISCLAIMER_WIDTH_CHARS);
-    pack_start(box, text, Fill::NO);
-    return box;
-}
-
-/// Puts title and arrow of a new expander where the current language has them: it turns itself round only when its direction changes, not
-/// when it is made in an interface written from right to left.
-void mirror_expander(GtkWidget* expander)
-{
-    gtk_widget_set_direction(expander, GTK_TEXT_DIR_LTR);
-    gtk_widget_set_direction(expander, GTK_TEXT_DIR_NONE);
-}
-
-/// Keeps the keyboard out of what a closed expander holds: GTK lets it into one that was never opened.
-void close_to_keyboard(GtkWidget* expander)
-{
-    const auto follow = +[](GtkExpander* changed, GParamSpec*, gpointer) {
-        gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), gtk_expander_get_expanded(changed));
-    };
-    const auto admit = +[](GtkExpander* changed, gpointer) { gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), TRUE); };
-    follow(GTK_EXPANDER(expander), nullptr, nullptr);
-    g_signal_connect(expander, "notify::expanded", G_CALLBACK(follow), nullptr);
-    g_signal_connect(expander, "activate", G_CALLBACK(admit), nullptr);  // GTK maps what is in it before it tells that it is open
-}
-
-/// A widget and all that is in it, in the order in which containers hold them.
-void collect_widgets(GtkWidget* widget, gpointer list)
-{
-    static_cast<std::vector<GtkWidget*>*>(list)->push_back(widget);
-    if (GTK_IS_CONTAINER(widget)) {
-        gtk_container_forall(GTK_CONTAINER(widget), collect_widgets, list);
-    }
-}
-
-std::vector<GtkWidget*> all_widgets(GtkWidget* root)
-{
-    std::vector<GtkWidget*> widgets;
-    collect_widgets(root, &widgets);
-    return widgets;
-}
-
-/// Remembers which widget of a box has the keyboard focus, by its place, so that the widget which stands there after the box was filled anew
-/// can get it: whoever works without a mouse would have to start over.
-class FocusKeeper {
-public:
-    explicit FocusKeeper(GtkWidget* box) : m_box(box)
-    {
-        GtkWidget* const window = gtk_widget_get_toplevel(box);
-        GtkWidget* const focus = GTK_IS_WINDOW(window) ? gtk_window_get_focus(GTK_WINDOW(window)) : nullptr;
-        const std::vector<GtkWidget*> widgets = all_widgets(box);
-        m_place = static_cast<std::size_t>(std::find(widgets.begin(), widgets.end(), focus) - widgets.begin());
-        m_had_focus = m_place < widgets.size();
-    }
-
-    void restore() const
-    {
-        const std::vector<GtkWidget*> widgets = all_widgets(m_box);
-        if (m_had_focus && m_place < widgets.size() && gtk_widget_get_can_focus(widgets[m_place])) {
-            gtk_widget_grab_focus(widgets[m_place]);
-        }
-    }
-
-private:
-    GtkWidget* m_box;
-    std::size_t m_place = 0;
-    bool m_had_focus = false;
-};
-
-void move_dialog(GtkWindow* dialog, int x, int y)
-{
-    gtk_window_move(dialog, x, y);
-    GdkWindow* const window = gtk_widget_get_window(GTK_WIDGET(dialog));
-    if (window != nullptr && !gtk_widget_get_mapped(GTK_WIDGET(dialog))) {
-        gdk_window_move(window, x, y);  // GTK forgets the place of a window that has been shown and hidden
-    }
 }
 
 gboolean on_dialog_key(GtkWidget* dialog, GdkEventKey* event, gpointer)
@@ -318,7 +83,7 @@ GtkWidget* App::create_settings_popover()
     g_signal_connect(dialog, "delete-event", G_CALLBACK(gtk_widget_hide_on_delete), nullptr);
     g_signal_connect(dialog, "key-press-event", G_CALLBACK(on_dialog_key), nullptr);
 
-    m_settings_box = gtk_box_new(GTK_ORIENTATION_VERTICAL, ROW_SPACING);
+    m_settings_box = gtk_box_new(GTK_ORIENTATION_VERTICAL, DIALOG_SPACING);
     add_class(m_settings_box, "popover-box");
     gtk_widget_set_size_request(m_settings_box, CONTENT_WIDTH, -1);
     build_settings_content(m_settings_box);
@@ -342,7 +107,7 @@ void App::on_settings_clicked(GtkWidget*, gpointer data)
     int width = 0;
     int height = 0;
     gtk_window_get_size(dialog, &width, &height);
-    move_dialog(dialog, main.x + (main.width - width) / 2, main.y + (main.height - height) / 2);
+    move_window(dialog, main.x + (main.width - width) / 2, main.y + (main.height - height) / 2);
     gtk_widget_show_all(app.m_settings_popover);
     gtk_window_present(dialog);
 }
@@ -370,7 +135,7 @@ GtkWidget* App::create_columns_frame()
     GtkWidget* frame = gtk_frame_new(tr("Columns"));
     GtkWidget* title = gtk_frame_get_label_widget(GTK_FRAME(frame));
     add_class(title, "settings-label");
-    GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, ROW_SPACING);
+    GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, DIALOG_SPACING);
     gtk_widget_set_margin_start(row, 6);
     gtk_widget_set_margin_end(row, 6);
     gtk_widget_set_margin_top(row, 4);
@@ -461,17 +226,8 @@ void App::add_color_row(GtkWidget* box, const char* label, const std::string& sl
 
 GtkWidget* App::color_row(const char* label, const char* hex, GCallback on_set, gpointer data)
 {
-    GdkRGBA color{};
-    Rgb rgb;
-    if (hex_to_rgb(hex, rgb)) {
-        color = {rgb.r, rgb.g, rgb.b, 1.0};
-    }
-    GtkWidget* button = gtk_color_button_new_with_rgba(&color);
-    gtk_color_chooser_set_use_alpha(GTK_COLOR_CHOOSER(button), FALSE);
-    add_class(button, "color-swatch");
-    describe_by_color(button);
+    GtkWidget* button = create_color_button(hex);
     m_handlers.connect(button, "color-set", on_set, data);
-
     GtkWidget* name = create_label(label, 0.0, "settings-label");
     gtk_label_set_ellipsize(GTK_LABEL(name), PANGO_ELLIPSIZE_END);
     GtkWidget* row = create_row(name, button);

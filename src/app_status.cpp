@@ -60,7 +60,7 @@ std::vector<std::string> info_candidates(const CoreCounts& counts, const std::st
     if (memory.empty()) {
         return {counts.full, counts.compact};
     }
-    const std::string labelled = std::string(" / ") + I18n::instance().tr("RAM") + " " + memory;
+    const std::string labelled = std::string(" / ") + tr("RAM") + " " + memory;
     return {counts.full + labelled, counts.compact + labelled, counts.compact + " / " + memory, counts.compact};
 }
 
@@ -113,14 +113,14 @@ std::string App::throttle_markup(double t, bool thermal) const
     }
     char markup[192];
     std::snprintf(markup, sizeof markup, "<span color='#%02x%02x%02x'>%s%s %.0f%%</span>", label_byte(color.r), label_byte(color.g),
-                  label_byte(color.b), thermal ? "🔥 " : "", I18n::instance().tr("Throttle"), t * 100);
+                  label_byte(color.b), thermal ? "🔥 " : "", tr("Throttle"), t * 100);
     return markup;
 }
 
 /// The tables hold no word for temperature, so the word for throttling stands before both figures.
 std::string App::throttle_tooltip(double t, bool thermal, double temperature, double limit)
 {
-    const char* const word = I18n::instance().tr("Throttle");
+    const char* const word = tr("Throttle");
     const double percentage = t * 100;
     char text[256];
     if (!(temperature >= 0 && limit > 0)) {

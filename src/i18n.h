@@ -55,3 +55,9 @@ private:
     bool m_rtl = false;
     std::int32_t m_lang_index = 0;  ///< row of i18n_data::LANGS
 };
+
+/// The text for a key in the current language: I18n::tr() of the one instance.
+inline const char* tr(const char* key)
+{
+    return I18n::instance().tr(key);
+}

@@ -5,9 +5,9 @@
 ///
 /// Programs inherit the block, too, and could then not be ended by either signal, nor could those that they start. Hence the rule: whoever
 /// may start a program holds ForNewPrograms. That is
-///   app.cpp            around gtk_init(): the accessibility of GTK starts a session bus where there is none, as under startx
-///   session_bus.cpp    around each connection to the session bus, for which GLib does so
-///   app_settings.cpp   around the opening of a link
+///   app.cpp              around gtk_init(): the accessibility of GTK starts a session bus where there is none, as under startx
+///   session_bus.cpp      around each connection to the session bus, for which GLib does so
+///   gtk_workarounds.cpp  around the opening of a link
 /// The crash dialogue is started by a process that does not come back: crash_handler.cpp lets it have the signals for good.
 #pragma once
 

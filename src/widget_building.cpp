@@ -33,14 +33,29 @@ void Handlers::connect(GtkWidget* widget, const char* signal, GCallback handler,
     g_signal_connect_closure(widget, signal, closure, FALSE);
 }
 
-void set_accessible_name(GtkWidget* widget, const std::string& name)
-{
-    atk_object_set_name(gtk_widget_get_accessible(widget), name.c_str());
-}
-
 void set_accessible_description(GtkWidget* widget, const std::string& description)
 {
     atk_object_set_description(gtk_widget_get_accessible(widget), description.c_str());
+}
+
+void name_by_label(GtkWidget* control, GtkWidget* label)
+{
+    gtk_label_set_mnemonic_widget(GTK_LABEL(label), control);
+    atk_object_set_name(gtk_widget_get_accessible(control), gtk_label_get_text(GTK_LABEL(label)));
+}
+
+void belong_to_title(GtkWidget* control, GtkWidget* title)
+{
+    atk_object_add_relationship(gtk_widget_get_accessible(control), ATK_RELATION_LABELLED_BY, gtk_widget_get_accessible(title));
+}
+
+void describe_by_label(GtkWidget* button, GtkWidget* label)
+{
+    const auto describe = +[](GtkLabel* changed, GParamSpec*, gpointer described) {
+        set_accessible_description(GTK_WIDGET(described), gtk_label_get_text(changed));
+    };
+    describe(GTK_LABEL(label), nullptr, button);
+    g_signal_connect_object(label, "notify::label", G_CALLBACK(describe), button, GConnectFlags{});
 }
 
 GtkWidget* widget_of(GtkWidget* owner, const char* key)

@@ -36,11 +36,17 @@ private:
     GObject* const m_lifetime = static_cast<GObject*>(g_object_new(G_TYPE_OBJECT, nullptr));  ///< watched by all of them
 };
 
-/// What a screen reader calls a widget that has no text of its own.
-void set_accessible_name(GtkWidget* widget, const std::string& name);
-
 /// What a screen reader says of a widget beyond its name.
 void set_accessible_description(GtkWidget* widget, const std::string& description);
+
+/// Ties a control to the label beside it, for screen readers.
+void name_by_label(GtkWidget* control, GtkWidget* label);
+
+/// Ties a control to a title that it shares with others, for screen readers.
+void belong_to_title(GtkWidget* control, GtkWidget* title);
+
+/// Lets a button tell what a label says, also when that changes: whoever has pressed it hears what came of it.
+void describe_by_label(GtkWidget* button, GtkWidget* label);
 
 /// The object data of that key, as a widget; null if there is none.
 GtkWidget* widget_of(GtkWidget* owner, const char* key);

@@ -1,0 +1,49 @@
+/// Each work-around stands by itself; its reason stands with its declaration, or beside the line.
+#include "gtk_workarounds.h"
+
+#include "signal_gate.h"
+
+namespace {
+
+gboolean on_activate_link(GtkLinkButton* link, gpointer)
+{
+    const SignalGate::ForNewPrograms gate;
+    // Without a parent window: with one GTK would start the program later, from a thread of its own
+    gtk_show_uri_on_window(nullptr, gtk_link_button_get_uri(link), gtk_get_current_event_time(), nullptr);
+    return GDK_EVENT_STOP;
+}
+
+}  // namespace
+
+void mirror_expander(GtkWidget* expander)
+{
+    gtk_widget_set_direction(expander, GTK_TEXT_DIR_LTR);
+    gtk_widget_set_direction(expander, GTK_TEXT_DIR_NONE);
+}
+
+void close_to_keyboard(GtkWidget* expander)
+{
+    const auto follow = +[](GtkExpander* changed, GParamSpec*, gpointer) {
+        gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), gtk_expander_get_expanded(changed));
+    };
+    const auto admit = +[](GtkExpander* changed, gpointer) { gtk_widget_set_child_visible(gtk_bin_get_child(GTK_BIN(changed)), TRUE); };
+    follow(GTK_EXPANDER(expander), nullptr, nullptr);
+    g_signal_connect(expander, "notify::expanded", G_CALLBACK(follow), nullptr);
+    g_signal_connect(expander, "activate", G_CALLBACK(admit), nullptr);  // GTK maps what is in it before it tells that it is open
+}
+
+void move_window(GtkWindow* window, int x, int y)
+{
+    gtk_window_move(window, x, y);
+    GdkWindow* const gdk_window = gtk_widget_get_window(GTK_WIDGET(window));
+    if (gdk_window != nullptr && !gtk_widget_get_mapped(GTK_WIDGET(window))) {
+        gdk_window_move(gdk_window, x, y);
+    }
+}
+
+GtkWidget* create_link_button(const char* uri, const char* label)
+{
+    GtkWidget* const link = gtk_link_button_new_with_label(uri, label);
+    g_signal_connect(link, "activate-link", G_CALLBACK(on_activate_link), nullptr);
+    return link;
+}

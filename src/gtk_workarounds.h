@@ -1,0 +1,18 @@
+/// What GTK 3 does otherwise than a dialog needs, put right. Main thread only.
+#pragma once
+
+#include <gtk/gtk.h>
+
+/// Puts title and arrow of a new expander where the current language has them: it turns itself round only when its direction changes, not
+/// when it is made in an interface written from right to left.
+void mirror_expander(GtkWidget* expander);
+
+/// Keeps the keyboard out of what a closed expander holds, which must be in it already: GTK lets it into one that was never opened.
+void close_to_keyboard(GtkWidget* expander);
+
+/// Moves a window, also one that is hidden: GTK forgets the place of a window that has been shown and hidden.
+void move_window(GtkWindow* window, int x, int y);
+
+/// A button that opens the address as GTK's own would, with two differences: what is started can be ended by signals, and a desktop without a
+/// program for the address gives no warning.
+GtkWidget* create_link_button(const char* uri, const char* label);
