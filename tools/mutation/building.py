@@ -1,7 +1,8 @@
 """Builds the copy of the project on which mutants are tried: once as it is, once so that it notes what it reaches, and once for each mutant.
 
-The core becomes a shared library there, so that a mutant is one source compiled and one library linked, while the test programs stay as
-they are. Only a mutant of a header wants the sources compiled anew that include it.
+The core becomes a shared library there, so that a mutant is one source compiled and one library linked, while most test programs stay as
+they are. Only a mutant of a header wants the sources compiled anew that include it, and only tests that tell calls of the program's own
+code from those of libraries have the core inside, as ever.
 """
 
 from __future__ import annotations
@@ -20,6 +21,8 @@ CORE_OBJECTS = "CMakeFiles/vantric_core.dir/"
 HERE = Path(__file__).resolve().parent
 DEFINITION = ("add_library(vantric_core STATIC", "add_library(vantric_core SHARED")
 ADDITION = "\ntarget_precompile_headers(vantric_core PRIVATE \"${PROJECT_SOURCE_DIR}/tools/mutation/often_included.h\")\n"
+TELLS_OWN_CODE = "tests/desktop/calls.h"
+QUICK_LINKER = ["-fuse-ld=gold"] if shutil.which("ld.gold") else []
 LIMIT = 300  # seconds for one compiler
 
 
@@ -78,6 +81,9 @@ class Build:
 
     def test_programs(self) -> list[str]:
         return sorted(name for name in self.links if name.startswith(("unit_", "desktop_")))
+
+    def has_core_inside(self, program: str) -> bool:
+        return program == PROGRAM or any(TELLS_OWN_CODE in self.included[name] for name in self.objects(program))
 
     def objects(self, target: str) -> list[str]:
         return [word for word in self.links[target] if word.endswith(".o")]
@@ -152,47 +158,47 @@ class Variant:
         return (self.folder / "objects" / name).read_bytes() == (self.build.plain / name).read_bytes()
 
     def link_library(self, *more: str) -> None:
-        self._link(CORE, self.library, self._own(self.build.links[CORE]), more)
+        self._link(CORE, self.library, more)
 
     def link_program(self, *more: str) -> Path:
         """The program with the core inside, so that it runs wherever a test puts it."""
-        core = [word for word in self.build.links[CORE] if word.endswith(".o")]
-        words = []
-        for word in self._own(self.build.links[PROGRAM]):
-            words += self._own(core) if word == CORE else [word]
-        self._link(PROGRAM, self.program, words, more)
-        return self.program
+        return self._link(PROGRAM, self.program, more)
 
-    def test_program(self, name: str) -> Path:
+    def test_program(self, name: str, *more: str) -> Path:
         """The test program for this variant: the build's, if nothing that has changed went into it."""
-        changed = self.changed & set(self.build.objects(name))
-        if not changed:
-            return self.build.plain / name
-        path = self.folder / "bin" / name
-        self._link(name, path, self._own(self.build.links[name]), ())
-        return path
+        if self.build.has_core_inside(name) or self.changed & set(self.build.objects(name)):
+            return self._link(name, self.folder / "bin" / name, more)
+        return self.build.plain / name
 
     def _own(self, words: list[str]) -> list[str]:
         return [str(self.folder / "objects" / word) if word in self.changed else word for word in words]
 
-    def _link(self, target: str, path: Path, words: list[str], more: tuple[str, ...]) -> None:
-        words = list(words)
+    def _link(self, target: str, path: Path, more: tuple[str, ...]) -> Path:
+        words = self._own(self.build.links[target])
+        if target != CORE and self.build.has_core_inside(target):
+            place = words.index(CORE)
+            words[place:place + 1] = self._own([word for word in self.build.links[CORE] if word.endswith(".o")])
         words[words.index("-o") + 1] = str(path)
         path.unlink(missing_ok=True)  # a process may still run what was there
-        run([*words, *more], self.build.plain)
+        run([*words, *more, *QUICK_LINKER], self.build.plain)
+        return path
 
 
 def traced(build: Build) -> Variant:
     """The variant that notes what it reaches."""
     variant = Variant(build, build.folder / "traced")
     variant.reset()
-    notes = variant.folder / "trace.o"
-    run(["cc", "-O2", "-fPIC", "-c", "-o", str(notes), str(HERE / "trace.c")], build.plain)
+    run(["cc", "-O2", "-fPIC", "-c", "-o", notes_of(variant), str(HERE / "trace.c")], build.plain)
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         compiled = [pool.submit(variant.compile, name, "-g1", "-fsanitize-coverage=trace-pc")
                     for name in [*build.objects(CORE), *build.objects(PROGRAM)] if not variant.is_compiled(name)]
     for job in compiled:
         job.result()
-    variant.link_library(str(notes))
-    variant.link_program(str(notes))
+    variant.link_library(notes_of(variant))
+    variant.link_program(notes_of(variant))
     return variant
+
+
+def notes_of(variant: Variant) -> str:
+    """The object that takes the notes of a traced variant."""
+    return str(variant.folder / "trace.o")

@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -105,19 +106,20 @@ class Tests:
         self._sources: dict[str, Source] = {}
         self._texts: dict[str, list[str]] = {}
         self._unchanged: Variant | None = None
+        self._unchanged_programs: dict[str, Path] = {}
+        self._lock = threading.Lock()
 
     # --- what they reach ---
 
     def find_reach(self, kinds: list[str], workers: int) -> None:
         """Runs every test of these folders once on the traced program, but for those whose notes of an earlier time still hold."""
-        files = {path.name for path in (self.build.tree / "src").iterdir()}
         variant = building.traced(self.build)
-        self._in_library = Places(variant.library, files)
-        self._in_program = Places(variant.program, files)
+        self._in_library = self._places(variant.library)
+        self._in_program = self._places(variant.program)
         for places in (self._in_library, self._in_program):
             for file, lines in places.with_code.items():
                 self.reach.with_code.setdefault(file, set()).update(lines)
-        core = _digest(variant.library, variant.program)
+        core = _digest(*(variant.folder / "objects" / name for name in sorted(variant.changed)))
         python = sorted(str(path.relative_to(self.build.tree)) for path in (self.build.tree / PYTHON_TESTS).glob("test_*.py"))
         jobs = {name: _digest(self.build.plain / name) for name in self.build.test_programs()}
         jobs |= {name: _digest(self.build.tree / name) for name in python}
@@ -138,6 +140,9 @@ class Tests:
                 elif test["outcome"] != "skipped":
                     self.reach.excluded.append(f"{name}: {test['test']} ({test['outcome']})")
 
+    def _places(self, binary: Path) -> Places:
+        return Places(binary, {path.name for path in (self.build.tree / "src").iterdir()})
+
     def _trace(self, name: str, variant: Variant, file: Path, digest: str) -> None:
         if file.is_file() and json.loads(file.read_text())["digest"] == digest:
             return
@@ -153,12 +158,15 @@ class Tests:
         print(f"traced {name}: {len(results)} tests", file=sys.stderr, flush=True)
 
     def _trace_cases(self, name: str, variant: Variant, folder: Path) -> list[dict]:
-        program = self.build.plain / name
+        program, places = self.build.plain / name, self._in_library
+        if self.build.has_core_inside(name):
+            program = variant.test_program(name, building.notes_of(variant))
+            places = self._places(program)
         cases = _cases_of(program)
         results = run_cases(self.build, variant.library, program, [(case, FIRST_LIMIT) for case in cases], trace=str(folder))
         for number, result in enumerate(results):
             notes = folder / str(number)
-            result["lines"] = _as_lists(self._in_library.reached(notes)) if notes.is_dir() else {}
+            result["lines"] = _as_lists(places.reached(notes)) if notes.is_dir() else {}
         return results
 
     def _trace_python(self, name: str, variant: Variant, folder: Path) -> list[dict]:
@@ -237,7 +245,7 @@ class Tests:
         assert self._unchanged
         name = batch[0].group
         return run_cases(self.build, variant.library, variant.test_program(name), [(test.name, test.limit) for test in batch],
-                         unchanged=(str(self.build.plain / name), str(self._unchanged.library)))
+                         unchanged=(str(self._unchanged_program(name)), str(self._unchanged.library)))
 
     def _run_python(self, variant: Variant, batch: list[Test]) -> list[dict]:
         limit = 60 + sum(SPARE + 3 * test.seconds for test in batch)
@@ -250,6 +258,13 @@ class Tests:
             return outcome != "broke off"
         results = run_python(self.build, self._unchanged.program, [test.name], 60 + test.limit, [])
         return [result["outcome"] for result in results] == ["passed"]
+
+    def _unchanged_program(self, name: str) -> Path:
+        assert self._unchanged
+        with self._lock:
+            if name not in self._unchanged_programs:
+                self._unchanged_programs[name] = self._unchanged.test_program(name)
+            return self._unchanged_programs[name]
 
     def make_unchanged(self) -> None:
         self._unchanged = Variant(self.build, self.build.folder / "unchanged")
