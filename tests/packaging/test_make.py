@@ -78,7 +78,7 @@ def test_roots_own_checkout_stays_roots_under_sudo(moved: Path) -> None:
 
 # --- where it goes ---
 
-@pytest.mark.parametrize("prefix", ["/opt/a prefix; touch wrong", "/opt/Müller's \"own\"", "/usr", "/"])
+@pytest.mark.parametrize("prefix", ["/opt/a prefix; touch wrong", "/opt/Müller's \"own\"", "/usr", "/", ""])
 def test_any_folder_can_be_the_prefix(built: Path, tmp_path: Path, prefix: str) -> None:
     root = tmp_path / "a root & more"
     make(built, "install", f"PREFIX={prefix}", f"DESTDIR={root}")
