@@ -295,19 +295,22 @@ def test_clock_that_is_set_back_and_forth(x11: XDisplay, start: Start, machines,
     clock.write_text("0")
     monitor = start(x11, machine, env={**preloaded("set_clock"), "SET_CLOCK_FILE": str(clock)})
     cards = monitor.content().cards
-    seen: set[str] = set()
+    seen = [""]
 
-    def another_power(than: str) -> str:
-        text = status_text(monitor)
-        return text if text.endswith("W") and text != than else ""
-    shown = wait_until(lambda: another_power(""), TIMEOUT, "a power")
-    shown = wait_until(lambda: another_power(shown), TIMEOUT, "one that spans a whole pause")
+    def look() -> int:
+        """How many texts there have been."""
+        if (text := status_text(monitor)) != seen[-1]:
+            seen.append(text)
+        return len(seen)
+    wait_until(lambda: look() and seen[-1].endswith("W"), TIMEOUT, "a power")
+    first = look()
+    wait_until(lambda: look() > first, TIMEOUT, "one that spans a whole pause")
+    del seen[:-1]
     for day, load in [(1, [60, 20]), (-1, [20, 60])]:
         clock.write_text(str(day * SECONDS_A_DAY))
         machine.set_load("steady", load)
-        shown = wait_until(lambda: another_power(shown), TIMEOUT, "the next power")
-        seen.add(shown)
-        monitor.wait_for_percentages(cards, [f"{percent}%" for percent in load], f"on day {day}")
+        before, expected = look(), [f"{percent}%" for percent in load]
+        wait_until(lambda: look() >= before + 2 and monitor.percentages(cards) == expected, TIMEOUT, f"the values of day {day}")
     powers = [re.fullmatch(r"CPU 50°C  (\d+\.\d)W", text) for text in seen]
     assert all(power and history.explains(float(power[1])) for power in powers), seen
 
