@@ -16,6 +16,7 @@ from __future__ import annotations
 import json
 import os
 import shutil
+import signal
 import socket
 import tempfile
 from abc import ABC, abstractmethod
@@ -263,11 +264,18 @@ class XDisplay(X11Windows, Display):
         if self.window_manager is None:
             return
         kind = WINDOW_MANAGERS[self.window_manager]
-        manager = self._serve(self.window_manager, kind.set_up(self.home),
-                              {"GDK_SCALE": "1", **kind.variables})
+        self._manager = self._serve(self.window_manager, kind.set_up(self.home),
+                                    {"GDK_SCALE": "1", **kind.variables})
         if not wait_for_window_manager(self.number, kind.is_modern, START_TIMEOUT,
-                                       hope=manager.running):
-            raise DisplayError(f"{manager} does not manage windows:\n{manager.last_words()}")
+                                       hope=self._manager.running):
+            raise DisplayError(f"{self._manager} does not manage windows:\n"
+                               f"{self._manager.last_words()}")
+
+    def replace_window_manager(self) -> None:
+        """Lets the window manager die, and starts another of its kind."""
+        self._manager.send_signal(signal.SIGKILL)
+        self._manager.wait(START_TIMEOUT)
+        self._start_window_manager()
 
     def spawn(self, argv: Sequence[str | Path], env_extra: Mapping[str, str | None] = {},
               wrap: Sequence[str | Path] | None = None, *, share_output: bool = False) -> Process:

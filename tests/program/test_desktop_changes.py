@@ -22,6 +22,7 @@ from fakemachine import Machine
 from geometry_records import Home, Record, Stored, wait_for_place
 from monitor import PROGRAM_NAME, TIMEOUT, TITLE, Monitor, Start, wait_for_main_loop
 from settings_dialog import SettingsDialog
+from xsettings import XSettings
 
 FROZEN = {"clusters": [{"cores": 4, "mhz": [800, 3000]}], "load": "frozen"}
 STEADY = {"clusters": [{"cores": 2}], "load": {"kind": "steady", "percent": [20, 40]}}
@@ -139,30 +140,6 @@ class Twins:
 
 def part_of(picture: numpy.ndarray, part: Rect, scale: int) -> numpy.ndarray:
     return picture[scale * part.y:scale * part.bottom, scale * part.x:scale * part.right]
-
-
-class XSettings:
-    """A desktop's settings manager on an X display."""
-
-    USUAL = {"Net/ThemeName": '"Adwaita"', "Net/IconThemeName": '"Adwaita"', "Gtk/FontName": '"DejaVu Sans 10"', "Gtk/EnableAnimations": 0,
-             "Xft/DPI": 96 * 1024, "Gdk/UnscaledDPI": 96 * 1024, "Gdk/WindowScalingFactor": 1, "Xft/Antialias": 1, "Xft/Hinting": 0,
-             "Xft/RGBA": '"none"'}
-
-    def __init__(self, display: XDisplay, folder: Path) -> None:
-        self._file = folder / "xsettings.conf"
-        self._write({})
-        self._manager = display.spawn(["xsettingsd", "-c", self._file])
-        wait_until(lambda: "Created" in self._manager.stderr(), TIMEOUT, "the settings manager")
-
-    def set(self, changes: dict[str, object]) -> None:
-        """The usual settings, with these changes."""
-        self._write(changes)
-        self._manager.send_signal(signal.SIGHUP)
-
-    def _write(self, changes: dict[str, object]) -> None:
-        draft = self._file.with_suffix(".draft")
-        draft.write_text("".join(f"{name} {value}\n" for name, value in (self.USUAL | changes).items()))
-        draft.rename(self._file)
 
 
 def test_settings_of_the_desktop(displays: ExitStack, machines: ExitStack, start: Start, tmp_path: Path) -> None:
