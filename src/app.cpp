@@ -195,25 +195,6 @@ void App::fill_cache()
     m_cache.mem_total_gb = m_sys_metrics->get_memory_total_gb();
 }
 
-void App::update_right_info_label()
-{
-    std::string text;
-    const double temperature = m_sys_metrics->get_temperature();
-    if (temperature >= 0) {
-        char markup[96];
-        const std::string color = with_hash(SettingsStore::instance().get().text(m_dark));
-        std::snprintf(markup, sizeof markup, "<span color='%s'>CPU %.0f°C</span>", color.c_str(), temperature);
-        text = markup;
-    }
-    const double power = m_sys_metrics->get_power();
-    if (power >= 0) {
-        char watts[32];
-        std::snprintf(watts, sizeof watts, "  %.1fW", power);
-        text += watts;
-    }
-    set_markup(m_right_info_label, text.c_str());
-}
-
 void App::update_card(const CoreWidgets& widgets)
 {
     const double usage = usage_at(m_cache.cores, widgets.cpu_index);

@@ -43,7 +43,7 @@ struct WindowRect {
 ///   app_window.cpp    window and geometry          app_rebuild.cpp   change of columns and orientation
 ///   app_painting.cpp  the window onto the screen   app_settings.cpp  the settings dialog
 ///   app_charts.cpp    charts, colours of load      app_theme.cpp     light and dark, the stylesheet
-///   app_status.cpp    throttle label, info line    app_language.cpp  language change while running
+///   app_status.cpp    the status readouts          app_language.cpp  language change while running
 ///   app_cards.cpp     cards, headers, total panel
 class App {
 public:
@@ -118,7 +118,6 @@ private:
     /// One tick: fresh readings into the cache, the labels, and a redraw of every chart.
     void update();
     void fill_cache();
-    void update_right_info_label();
     void update_card(const CoreWidgets& widgets);
     /// Sets a label's markup unless it stands there already: for each label that is set GTK measures the window anew.
     static void set_markup(GtkWidget* label, const char* markup);
@@ -187,8 +186,9 @@ private:
     /// What the chart widget shows, in that area.
     ChartPainter::Chart chart_of(GtkWidget* chart, const GdkRectangle& area) const;
 
-    // --- app_status.cpp: throttle label and info line ---
+    // --- app_status.cpp: temperature and power, throttle label, info line ---
 
+    void update_right_info_label();
     /// How far the busy CPUs run below their highest clock, 0.0 to 1.0 (0.0 if none is busy); -1.0 if it can't be known.
     double compute_throttle() const;
     void update_throttle_label();

@@ -130,7 +130,7 @@ GtkWidget* App::create_header_block()
 GtkWidget* App::create_core_grid() const
 {
     GtkWidget* container = nullptr;
-    if (!m_horizontal || m_num_columns == 1) {
+    if (!m_horizontal || single_core_row()) {
         container = gtk_grid_new();
         gtk_grid_set_column_homogeneous(GTK_GRID(container), TRUE);
         gtk_grid_set_column_spacing(GTK_GRID(container), CARD_GAP);

@@ -1,9 +1,10 @@
-/// The status readouts that take some thought: the throttle label with its tooltip, and the info line that fits its width.
+/// The status readouts: temperature and power, the throttle label with its tooltip, and the info line that fits its width.
 #include <algorithm>
 #include <cstdio>
 
 #include "app.h"
 #include "i18n.h"
+#include "settings.h"
 
 namespace {
 
@@ -65,6 +66,25 @@ std::vector<std::string> info_candidates(const CoreCounts& counts, const std::st
 }
 
 }  // namespace
+
+void App::update_right_info_label()
+{
+    std::string text;
+    const double temperature = m_sys_metrics->get_temperature();
+    if (temperature >= 0) {
+        char markup[96];
+        const std::string color = with_hash(SettingsStore::instance().get().text(m_dark));
+        std::snprintf(markup, sizeof markup, "<span color='%s'>CPU %.0f°C</span>", color.c_str(), temperature);
+        text = markup;
+    }
+    const double power = m_sys_metrics->get_power();
+    if (power >= 0) {
+        char watts[32];
+        std::snprintf(watts, sizeof watts, "  %.1fW", power);
+        text += watts;
+    }
+    set_markup(m_right_info_label, text.c_str());
+}
 
 double App::compute_throttle() const
 {

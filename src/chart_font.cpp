@@ -1,3 +1,4 @@
+/// Extents are added up from those of single characters, which are kept; cairo shows the texts.
 #include "chart_font.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+/// Measures, formats and places of what stands in a chart, and the backdrop as cairo paints it.
 #include "chart_look.h"
 
 #include <cstdio>

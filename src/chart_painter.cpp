@@ -1,3 +1,4 @@
+/// Backdrops are kept, one colour for each row; texts are left to ChartFont, curves to CurveCoverage.
 #include "chart_painter.h"
 
 #include <algorithm>

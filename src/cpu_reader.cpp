@@ -1,3 +1,4 @@
+/// Loads are differences between two readings of /proc/stat. Files are read without the lock, and what comes of them is published under it.
 #include "cpu_reader.h"
 
 #include <algorithm>
@@ -8,16 +9,12 @@
 #include <string>
 #include <utility>
 
+#include "kernel_file.h"
+
 namespace {
 
 constexpr const char* STAT_FILE = "/proc/stat";
 constexpr std::chrono::seconds SAMPLE_PERIOD{1};
-
-/// Whether a line of /proc/stat is about one CPU. The summary line has a blank where the number would begin.
-bool is_cpu_line(const std::string& line)
-{
-    return line.size() > 3 && line.starts_with("cpu") && line[3] >= '0' && line[3] <= '9';
-}
 
 /// A full history moves up in its place: as a queue that wanders it would hold two blocks of memory nearly all the time.
 void append_bounded(std::deque<double>& history, double value)
@@ -99,7 +96,7 @@ std::vector<CPUReader::RawStat> CPUReader::parse_proc_stat()
     std::string line;
     std::string label;
     while (std::getline(file, line)) {
-        if (!is_cpu_line(line)) {
+        if (!begins_with_cpu_number(line)) {  // as the summary line, which has a blank there
             continue;
         }
         fields.clear();

@@ -1,3 +1,4 @@
+/// By the core types that the kernel names, else by rated clocks that are alike, else all in one group.
 #include "cpu_topology.h"
 
 #include <algorithm>
@@ -8,16 +9,17 @@
 
 #include "i18n.h"
 #include "kernel_file.h"
+#include "theme.h"
 
 namespace {
 
-constexpr int GROUP_COLORS = 4;
+constexpr std::size_t GROUP_COLORS = ColorDefaults::GROUPS.size();
 constexpr int TOLERANCE_DIVISOR = 5;  // 20 %: boost clocks of like cores differ by less, core types by more
 
 /// Rated maximum clock of a CPU in kHz; 0 if unknown.
 std::uint64_t read_max_freq_khz(int cpu)
 {
-    return read_number<std::uint64_t>(CpuFile("cpufreq/cpuinfo_max_freq").of(cpu)).value_or(0);
+    return read_number<std::uint64_t>(CpuFile(MAX_FREQ_FILE).of(cpu)).value_or(0);
 }
 
 /// |f - level| < level / 5 in signed arithmetic. The tolerance is the level's, so the test is not symmetric.

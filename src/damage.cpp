@@ -1,3 +1,4 @@
+/// The rectangles of a clip lie in bands from the top down, so that those of a place are found by bisection.
 #include "damage.h"
 
 #include <algorithm>

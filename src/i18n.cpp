@@ -1,3 +1,4 @@
+/// The user's locale is matched with the codes of i18n_data.h; texts are found by bisecting its keys.
 #include "i18n.h"
 
 #include <glib.h>

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <string_view>
 
 /// The number that a kernel file begins with; empty if it can't be opened or read, holds none, or one too large for T.
 /// A stream reads it, and streams keep the "C" locale, so a locale with decimal commas changes nothing.
@@ -26,6 +27,16 @@ inline std::string read_first_line(const std::string& path)
 
 /// The folder with an entry for each logical CPU: docs.kernel.org/admin-guide/cputopology.html
 inline constexpr const char* CPU_DIRECTORY = "/sys/devices/system/cpu";
+
+/// Whether a word begins with the kernel's name of one logical CPU, such as "cpu12". What is about all of them, such as "cpu" or "cpufreq",
+/// does not.
+inline bool begins_with_cpu_number(std::string_view word)
+{
+    return word.size() > 3 && word.starts_with("cpu") && word[3] >= '0' && word[3] <= '9';
+}
+
+/// The file below an entry that holds a CPU's rated maximum clock: docs.kernel.org/admin-guide/pm/cpufreq.html
+inline constexpr const char* MAX_FREQ_FILE = "cpufreq/cpuinfo_max_freq";
 
 /// The files of cpufreq hold kHz.
 inline constexpr double KHZ_PER_MHZ = 1000.0;

@@ -1,3 +1,4 @@
+/// By GTK's own way of letting a container lay itself out, with a handler that passes on what others would notice.
 #include "layout_boundary.h"
 
 namespace {

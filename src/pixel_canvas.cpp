@@ -1,3 +1,4 @@
+/// Only images and matrices will do for which each unit is a whole number of pixels.
 #include "pixel_canvas.h"
 
 #include <gdk/gdk.h>

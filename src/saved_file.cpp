@@ -1,3 +1,4 @@
+/// Both functions swallow what goes wrong: it shows as an empty text, or when the file is opened for writing.
 #include "saved_file.h"
 
 #include <cstdlib>

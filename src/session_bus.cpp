@@ -1,3 +1,4 @@
+/// A thread of its own waits for the bus, and the main thread for that one, as long as it may take.
 #include "session_bus.h"
 
 #include <chrono>

@@ -22,8 +22,9 @@ struct Settings {
     std::string text_dark = Palette::dark_().text;
     std::string gear_dark = Palette::dark_().gear;
 
-    std::string total = ColorDefaults::TOTAL;                   ///< chart of the whole machine
-    std::array<std::string, 4> groups = ColorDefaults::GROUPS;  ///< charts of a cluster, by CpuCluster::color_index
+    std::string total = ColorDefaults::TOTAL;  ///< chart of the whole machine
+    std::array<std::string, ColorDefaults::GROUPS.size()> groups =
+        ColorDefaults::GROUPS;  ///< charts of a cluster, by CpuCluster::color_index
 
     bool is_horizontal() const { return orientation == "horizontal"; }
 

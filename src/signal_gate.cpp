@@ -1,3 +1,4 @@
+/// The gate is the main thread's signal mask: a poll function opens it, or a source in front of one that is somebody else's.
 #include "signal_gate.h"
 
 #include <glib.h>

@@ -1,3 +1,4 @@
+/// Types derived from GTK's widgets, whose accessible objects ask SpokenWords each time that they are asked.
 #include "spoken_widgets.h"
 
 #include <gtk/gtk-a11y.h>

@@ -1,3 +1,4 @@
+/// Which files of the kernel hold what, what is believed of them, and the thread that reads them.
 #include "system_metrics.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "kernel_file.h"
+#include "temperature_sensor.h"
 
 namespace fs = std::filesystem;
 
@@ -19,24 +21,17 @@ namespace {
 constexpr std::chrono::seconds PAUSE{2};  // between two passes
 constexpr const char* CPUINFO_FILE = "/proc/cpuinfo";
 constexpr const char* MEMINFO_FILE = "/proc/meminfo";
-constexpr const char* THERMAL_DIRECTORY = "/sys/class/thermal";  // docs.kernel.org/driver-api/thermal/sysfs-api.html
-constexpr const char* HWMON_DIRECTORY = "/sys/class/hwmon";      // docs.kernel.org/hwmon/sysfs-interface.html
 constexpr const char* ENERGY_FILE =
     "/sys/class/powercap/intel-rapl/intel-rapl:0/energy_uj";      // docs.kernel.org/power/powercap/powercap.html
 constexpr const char* CURRENT_FREQ = "cpufreq/scaling_cur_freq";  // docs.kernel.org/admin-guide/pm/cpufreq.html
-constexpr const char* MAX_FREQ = "cpufreq/cpuinfo_max_freq";
 constexpr const char* THROTTLE_COUNT = "thermal_throttle/core_throttle_count";
 
 constexpr double NO_READING = -1.0;
-constexpr double MILLIDEGREES_PER_DEGREE = 1000.0;
 constexpr double MICROJOULES_PER_JOULE = 1000000.0;
 constexpr double KB_PER_GIB = 1024.0 * 1024.0;
 
-constexpr double LOWEST_LIMIT = 40.0;    // a limit must be above this to be believed
-constexpr double HIGHEST_LIMIT = 130.0;  // and below this
 constexpr double DEFAULT_LIMIT = 95.0;
 constexpr double LIMIT_MARGIN = 3.0;  // degrees below the limit from which the CPU counts as throttled
-constexpr int TRIP_POINTS = 16;       // looked at in each thermal zone
 
 /// Maker's prefixes of a model name, tried in this order. Of each only the head of four characters is kept.
 constexpr const char* NAME_PREFIXES[] = {"Intel(R) Core(TM) ", "Intel(R) Xeon(R) ", "Intel(R) ", "AMD Ryzen ", "AMD EPYC "};
@@ -52,155 +47,19 @@ std::string shorten_cpu_name(std::string name)
     return name;
 }
 
-/// Whether an entry of CPU_DIRECTORY is a logical CPU ("cpu12") and not another folder ("cpufreq").
-bool is_cpu_entry(const std::string& name)
-{
-    return name.size() > 3 && name.starts_with("cpu") && name[3] >= '0' && name[3] <= '9';
-}
-
 /// Calls `visit` with the path of each logical CPU's entry. If the walk fails, what was visited so far stands.
 template <typename Visitor>
 void for_each_cpu_entry(Visitor visit)
 {
     try {
         for (const auto& entry : fs::directory_iterator(CPU_DIRECTORY)) {
-            if (is_cpu_entry(entry.path().filename())) {
+            if (begins_with_cpu_number(entry.path().filename().native())) {
                 visit(entry.path());
             }
         }
     } catch (...) {
         // no such folder, as in some containers: the counts stay what they are, 0 at worst
     }
-}
-
-bool is_cpu_zone_type(const std::string& type)
-{
-    return type == "x86_pkg_temp" || type == "cpu-thermal" || type == "cpu_thermal" || type.find("cpu") != std::string::npos;
-}
-
-bool is_cpu_chip(const std::string& name)
-{
-    return name == "coretemp" || name == "k10temp" || name == "cpu_thermal" || name == "acpitz";
-}
-
-/// The temperature file of the first thermal zone that is about the CPU; empty if there is none.
-std::string find_thermal_zone()
-{
-    try {
-        for (const auto& zone : fs::directory_iterator(THERMAL_DIRECTORY)) {
-            const fs::path type_path = zone.path() / "type";
-            const fs::path temp_path = zone.path() / "temp";
-            if (fs::exists(type_path) && fs::exists(temp_path) && is_cpu_zone_type(read_first_line(type_path))) {
-                return temp_path;
-            }
-        }
-    } catch (...) {
-        // no thermal zones: usual in virtual machines and containers; the hwmon chips are next
-    }
-    return {};
-}
-
-/// A chip's temperature input: the first one by number, else the first that the directory lists; empty if there is none.
-std::string find_chip_input(const fs::path& chip)
-{
-    const fs::path first = chip / "temp1_input";
-    if (fs::exists(first)) {
-        return first;
-    }
-    try {
-        for (const auto& entry : fs::directory_iterator(chip)) {
-            const std::string name = entry.path().filename();
-            if (name.starts_with("temp") && name.find("_input") != std::string::npos) {
-                return entry.path();
-            }
-        }
-    } catch (...) {
-        // this chip can't be listed; another one may do
-    }
-    return {};
-}
-
-/// The temperature file of the first hwmon chip that measures the CPU and has an input; empty if there is none.
-std::string find_hwmon_input()
-{
-    try {
-        for (const auto& hwmon : fs::directory_iterator(HWMON_DIRECTORY)) {
-            const fs::path name_path = hwmon.path() / "name";
-            if (!fs::exists(name_path) || !is_cpu_chip(read_first_line(name_path))) {
-                continue;
-            }
-            std::string input = find_chip_input(hwmon.path());
-            if (!input.empty()) {
-                return input;
-            }
-        }
-    } catch (...) {
-        // no hwmon chips: the machine has no temperature to show
-    }
-    return {};
-}
-
-/// The limit in degrees that a file holds; empty if it holds none that can be believed.
-std::optional<double> read_limit(const std::string& path)
-{
-    const auto milli = read_number<std::int64_t>(path);
-    if (!milli) {
-        return std::nullopt;
-    }
-    const double limit = static_cast<double>(*milli) / MILLIDEGREES_PER_DEGREE;
-    return limit > LOWEST_LIMIT && limit < HIGHEST_LIMIT ? std::optional(limit) : std::nullopt;
-}
-
-/// The limit that the chip gives in a file beside its temperature input.
-std::optional<double> find_limit_beside(const std::string& temp_path)
-{
-    if (temp_path.empty()) {
-        return std::nullopt;
-    }
-    const std::string base = temp_path.substr(0, temp_path.rfind("_input"));
-    for (const char* suffix : {"_max", "_crit"}) {
-        if (const auto limit = read_limit(base + suffix)) {
-            return limit;
-        }
-    }
-    return std::nullopt;
-}
-
-/// The limit of a zone's first trip point at which the kernel begins to slow the machine down.
-std::optional<double> find_trip_limit(const fs::path& zone)
-{
-    for (int i = 0; i < TRIP_POINTS; ++i) {
-        const std::string trip = "trip_point_" + std::to_string(i);
-        const fs::path type_path = zone / (trip + "_type");
-        if (!fs::exists(type_path)) {
-            continue;
-        }
-        const std::string type = read_first_line(type_path);
-        if (type != "passive" && type != "hot") {
-            continue;
-        }
-        if (const auto limit = read_limit(zone / (trip + "_temp"))) {
-            return limit;
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<double> find_zone_limit()
-{
-    try {
-        for (const auto& zone : fs::directory_iterator(THERMAL_DIRECTORY)) {
-            if (!zone.path().filename().string().starts_with("thermal_zone")) {
-                continue;
-            }
-            if (const auto limit = find_trip_limit(zone.path())) {
-                return limit;
-            }
-        }
-    } catch (...) {
-        // no thermal zones, or one that can't be looked at: the default applies
-    }
-    return std::nullopt;
 }
 
 /// Calls `visit` with key and number of each line of /proc/meminfo that has both, until it returns false.
@@ -430,10 +289,7 @@ void SystemMetrics::wait_for_next_pass()
 
 void SystemMetrics::detect_sensors()
 {
-    m_temp_path = find_thermal_zone();
-    if (m_temp_path.empty()) {
-        m_temp_path = find_hwmon_input();
-    }
+    m_temp_path = find_temperature_input();
     m_has_temp = !m_temp_path.empty();
 
     if (fs::exists(ENERGY_FILE)) {
@@ -499,7 +355,7 @@ std::vector<double> SystemMetrics::read_max_frequencies(int core_count)
 {
     std::vector<double> out;
     out.reserve(static_cast<std::size_t>(std::max(core_count, 0)));
-    CpuFile file(MAX_FREQ);
+    CpuFile file(MAX_FREQ_FILE);
     for (int i = 0; i < core_count; ++i) {
         out.push_back(static_cast<double>(read_number<std::uint64_t>(file.of(i)).value_or(0)) / KHZ_PER_MHZ);
     }
@@ -546,9 +402,5 @@ std::int64_t SystemMetrics::read_throttle_count() const
 
 void SystemMetrics::detect_temp_limit()
 {
-    auto limit = find_limit_beside(m_temp_path);
-    if (!limit) {
-        limit = find_zone_limit();
-    }
-    m_temp_limit = limit.value_or(DEFAULT_LIMIT);
+    m_temp_limit = find_temperature_limit(m_temp_path).value_or(DEFAULT_LIMIT);
 }

@@ -1,3 +1,4 @@
+/// A type derived from GtkLabel, with one store of shaped texts for all labels, and in each label what it has found out.
 #include "tick_label.h"
 
 #include <algorithm>

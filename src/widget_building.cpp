@@ -1,3 +1,4 @@
+/// Packing, styling and connecting, with the flags and lifetimes that this program wants everywhere.
 #include "widget_building.h"
 
 void pack_start(GtkWidget* box, GtkWidget* child, Fill fill, guint padding)

@@ -1,3 +1,4 @@
+/// The picture is the one of data/icons/vantric.svg, painted by cairo.
 #include "window_icon.h"
 
 namespace {

@@ -103,7 +103,7 @@ def kernel_paths() -> set[str]:
 
 def sensor_names() -> set[str]:
     """Zone types and chip names that count as the CPU's."""
-    code = source("system_metrics.cpp")
+    code = source("temperature_sensor.cpp")
     functions = re.search(r"bool is_cpu_zone_type.*?^}.*?^}", code, re.DOTALL | re.MULTILINE)
     assert functions
     names = set(re.findall(r'"([\w-]+)"', functions[0]))
