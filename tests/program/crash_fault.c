@@ -116,8 +116,8 @@ static void crash(const char *way)
         free_twice();
     else if (strcmp(way, "damaged size") == 0)
         damage_size();
-    else if (strcmp(way, "fault in malloc") == 0)
-        fault_in_malloc();
+    else if (strcmp(way, "fault in free") == 0)
+        fault_in_free();
 }
 
 static void crash_if_at(const char *call, const void *caller)

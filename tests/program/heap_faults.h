@@ -10,7 +10,6 @@
 enum {
     DISTANCE = 2016,                   /* of neighbours in memory */
     LARGE = DISTANCE - sizeof(size_t), /* more than a thread keeps for itself: served under the lock, and merged when freed */
-    LARGER = 5000,                     /* than what was freed, so that the allocator looks through that */
 };
 
 static inline uintptr_t allocate(size_t size)
@@ -64,13 +63,16 @@ static inline void damage_size(void)
     release(block);
 }
 
-/* The allocator follows a list that leads nowhere: SIGSEGV. */
-static inline void fault_in_malloc(void)
+/* The allocator follows a list that leads nowhere: SIGSEGV. The block claims that the one before it is free, to be merged with, and that
+ * one's content to be the list's links. All is written while both are in use, so that no other thread comes in between. */
+static inline void fault_in_free(void)
 {
     const uintptr_t block = enclosed_block();
+    write_word(block - DISTANCE, sizeof(void*));
+    write_word(block - DISTANCE + sizeof(void*), sizeof(void*));
+    write_word(block - 2 * sizeof(size_t), DISTANCE);
+    write_word(block - sizeof(size_t), DISTANCE); /* without the bit that says that the neighbour is in use */
     release(block);
-    write_word(block + sizeof(void*), sizeof(void*));
-    allocate(LARGER);
 }
 
 #endif

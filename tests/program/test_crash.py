@@ -583,11 +583,11 @@ def test_fatal_warning_of_a_library(scene: CrashScene) -> None:
     ({"CRASH_AT": "sem_clockwait", "CRASH_BY": "null"}, signal.SIGSEGV, r"sem_clockwait .*SystemMetrics11update_loop"),
     ({"CRASH_AT": "cairo_stroke", "CRASH_BY": "double free"}, signal.SIGABRT, r"abort .*cairo_stroke .*draw_chart"),
     ({"CRASH_AT": "nanosleep", "CRASH_BY": "damaged size"}, signal.SIGABRT, r"abort .*nanosleep .*CPUReader9read_loop"),
-    ({"CRASH_AT": "sem_clockwait", "CRASH_BY": "fault in malloc"}, signal.SIGSEGV, r"malloc .*update_loop"),
+    ({"CRASH_AT": "sem_clockwait", "CRASH_BY": "fault in free"}, signal.SIGSEGV, r"free .*update_loop"),
     ({"CRASH_FAILS": "pthread_mutex_lock"}, signal.SIGABRT, r"abort .*(CPUReader.*read|SystemMetrics.*update)_loop"),
 ], ids=["draw handler", "exception in a draw handler", "error of GLib in a draw handler", "loads' thread",
         "sensors' thread", "double free in a draw handler", "damaged size in the loads' thread",
-        "malloc in the sensors' thread", "mutex of a sampling thread"])
+        "free in the sensors' thread", "mutex of a sampling thread"])
 def test_faults_in_the_running_program(variables: dict[str, str], number: signal.Signals, functions: str, x11: XDisplay,
                                        fault: dict[str, str], start: Start) -> None:
     monitor = start(x11, preset("hybrid-20"), env={**fault, **variables}, accessible=False)

@@ -38,7 +38,7 @@ struct Kind {
 constexpr Kind KINDS[] = {
     {"double free", free_twice, SIGABRT},
     {"damaged size", damage_size, SIGABRT},
-    {"fault in malloc", fault_in_malloc, SIGSEGV},
+    {"fault in free", fault_in_free, SIGSEGV},
 };
 
 std::atomic<pid_t> g_may_not_allocate = 0;           // a process that is ended if it asks for memory
