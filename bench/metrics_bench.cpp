@@ -4,35 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
+#include <vector>
 
+#include "counted_new.h"
 #include "kernel_file.h"
 #include "system_metrics.h"
-
-namespace {
-std::atomic<std::int64_t> g_allocations{0};
-}  // namespace
-
-// Counts what a pass allocates
-void* operator new(std::size_t size)
-{
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* memory = std::malloc(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"  // our own pair: new is malloc, delete is free
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -41,7 +17,7 @@ template <typename Reader>
 void measure(benchmark::State& state, Reader read)
 {
     SystemMetrics metrics;
-    const std::int64_t before = g_allocations;
+    const std::size_t before = g_allocations;
     for (auto _ : state) {
         read(metrics);
     }

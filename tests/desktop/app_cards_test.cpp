@@ -1,48 +1,15 @@
 /// The widget groups: card of a CPU, header of a section, total panel.
 #include <cmath>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
 #include "app.h"
+#include "counted_new.h"
 #include "desktop/pictures.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
 
 using testing::ElementsAre;
-
-namespace {
-
-[[maybe_unused]] void* g_watched = nullptr;  // the record whose end is awaited
-[[maybe_unused]] bool g_watched_is_freed = false;
-
-}  // namespace
-
-// --- all that is allocated by new, so that the end of a record can be seen ---
-
-#ifndef THREAD_SANITIZED  // which brings these itself
-
-void* operator new(std::size_t size)
-{
-    if (void* const memory = std::malloc(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-void operator delete(void* memory) noexcept
-{
-    g_watched_is_freed = g_watched_is_freed || (memory != nullptr && memory == g_watched);
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    operator delete(memory);
-}
-
-#endif
 
 namespace {
 

@@ -9,38 +9,10 @@
 #include <cstdlib>
 #include <functional>
 #include <limits>
-#include <new>
 #include <random>
 #include <vector>
 
-namespace {
-
-[[maybe_unused]] std::size_t g_allocations = 0;
-
-}  // namespace
-
-#ifndef THREAD_SANITIZED  // which brings these itself
-
-void* operator new(std::size_t size)
-{
-    ++g_allocations;
-    if (void* memory = std::malloc(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-#endif
+#include "counted_new.h"
 
 namespace {
 
