@@ -9,7 +9,7 @@ CMAKE_OPTIONS ?=
 SECONDS ?= 60
 
 .DEFAULT_GOAL := help
-.PHONY: help run test bench fuzz install uninstall deb check-packaging screenshots contact-sheets format clean
+.PHONY: help run check test bench fuzz install uninstall deb check-packaging screenshots contact-sheets format clean
 
 help: ## Show this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "  make %-15s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
@@ -18,6 +18,11 @@ run: ## Build the monitor and open it (on a virtual screen, for a picture, where
 	@tools/ensure-packages build
 	@tools/as-user tools/build release $(CMAKE_OPTIONS)
 	@tools/as-user tools/run build/release/vantric
+
+check: ## While you work: run the unit tests, and check format and static analysis
+	@tools/ensure-packages build test check
+	@tools/as-user tools/build test --target unit_tests $(CMAKE_OPTIONS)
+	@tools/as-user tools/check
 
 test: ## Build everything and run every test
 	@tools/ensure-packages build test

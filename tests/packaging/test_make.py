@@ -18,6 +18,8 @@ NOBODY = pwd.getpwnam("nobody")
 needs_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can be root for one step and somebody else for the next")
 SYSTEM = ["", "usr", "usr/local", "usr/local/bin", "usr/local/share", "usr/local/share/man"]
 
+pytestmark = pytest.mark.xdist_group("make")  # one after another, so that the release is built once for all
+
 
 @pytest.fixture(scope="module")
 def built(tmp_path_factory: pytest.TempPathFactory) -> Path:

@@ -86,6 +86,14 @@ def preloaded(tmp_path_factory: pytest.TempPathFactory) -> Callable[[str], dict[
     return compile
 
 
+@pytest.fixture(scope="session")
+def german_locale(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A folder with the locale de_DE.UTF-8. It takes a while: tests with it belong to the group "German", which has it made once."""
+    folder = tmp_path_factory.mktemp("locales")
+    subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", folder / "de_DE.UTF-8"], check=True, capture_output=True)
+    return folder
+
+
 @pytest.fixture
 def start(program: Path, tmp_path: Path, displays: ExitStack, machines: ExitStack) -> Iterator[Start]:
     """Starts the program; what a test leaves running gets SIGTERM afterwards, and has to end well.

@@ -493,14 +493,6 @@ def test_mail_client_that_does_not_open_shows_nothing(opener: str | None, tooled
 
 # --- the dialogue that the user sees ---
 
-@pytest.fixture(scope="module")
-def german_locale(tmp_path_factory: pytest.TempPathFactory) -> dict[str, str]:
-    """The variables of a German, and the locale that belongs to them."""
-    folder = tmp_path_factory.mktemp("locales")
-    subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", folder / "de_DE.UTF-8"], check=True)
-    return {"LOCPATH": str(folder), **GERMAN}
-
-
 class Dialogue:
     """The real dialogue of a crash, on a display."""
 
@@ -538,8 +530,9 @@ class Dialogue:
                 run_tool(["xdotool", "type", "--delay", "5", line], self._display.env)
 
 
-def test_user_describes_and_sends(x11: XDisplay, scene: CrashScene, german_locale: dict[str, str]) -> None:
-    dialogue = Dialogue(scene, x11, german_locale)
+@pytest.mark.xdist_group("German")
+def test_user_describes_and_sends(x11: XDisplay, scene: CrashScene, german_locale: Path) -> None:
+    dialogue = Dialogue(scene, x11, {"LOCPATH": str(german_locale), **GERMAN})
     assert x11.geometry(dialogue.window)[2:] == (500, 250)
     assert sorted(dialogue.buttons) == [SEND, CANCEL]
     typed = "Größe \"geändert\", dann war's aus:\n\n$HOME ist 100 % übervoll"
@@ -553,9 +546,10 @@ def test_user_describes_and_sends(x11: XDisplay, scene: CrashScene, german_local
     lambda dialogue, _: dialogue.click(dialogue.buttons[CANCEL]),
     lambda dialogue, display: display.close(dialogue.window),
 ], ids=["button", "window"])
+@pytest.mark.xdist_group("German")
 def test_user_does_not_send(leave: Callable[[Dialogue, XDisplay], None], x11: XDisplay, scene: CrashScene,
-                            german_locale: dict[str, str]) -> None:
-    dialogue = Dialogue(scene, x11, german_locale)
+                            german_locale: Path) -> None:
+    dialogue = Dialogue(scene, x11, {"LOCPATH": str(german_locale), **GERMAN})
     dialogue.write("nichts")
     leave(dialogue, x11)
     assert (dialogue.crash.wait_for_all(), dialogue.crash.complaints()) == ([0], "")
@@ -669,16 +663,18 @@ class RandomCrash:
         threads = list(own_threads(self._monitor))
         return _libc.tgkill(self._monitor.pid, threads[int(self._thread * len(threads))], self._number.value) == 0
 
-    def outcome(self) -> tuple[bool, bool]:
-        """Whether the program has ended by the signal, and whether its report is whole and tells that signal."""
-        ended = self._monitor.wait() == -self._number
+    def fault(self) -> str:
+        """Empty if the program has ended by the signal, and its report is whole and tells that signal."""
+        status = self._monitor.wait()
         text = self._report.read_text() if self._report.exists() else ""
-        return ended, is_whole(text) and parse_report(text).signal == signal_line(self._number)
+        if status == -self._number and is_whole(text) and parse_report(text).signal == signal_line(self._number):
+            return ""
+        return f"{self._number!r} to a thread: status {status}, report {text!r}, output {self._monitor.complaints()!r}"
 
 
 def random_crashes(start_in: Callable[[Path], Monitor], folder: Path,
-                   moments: random.Random) -> list[tuple[bool, bool]]:
-    """Some programs that crash side by side, each with a runtime folder of its own, and their outcomes."""
+                   moments: random.Random) -> list[str]:
+    """Some programs that crash side by side, each with a runtime folder of its own, and their faults."""
     crashes = []
     for _ in range(AT_ONCE):
         runtime = Path(tempfile.mkdtemp(dir=folder))
@@ -689,20 +685,19 @@ def random_crashes(start_in: Callable[[Path], Monitor], folder: Path,
         left[:] = [crash for crash in left if not crash.try_to_send()]
         return not left
     wait_until(send_the_rest, TIMEOUT, "each program's moment")
-    return [crash.outcome() for crash in crashes]
+    return [crash.fault() for crash in crashes]
 
 
 def test_random_signals_at_random_moments(x11: XDisplay, machines: ExitStack, start: Start, tmp_path: Path) -> None:
-    """VANTRIC_CRASHES is how many; the counts of true endings and whole reports are printed."""
+    """VANTRIC_CRASHES is how many."""
     seed = random.randrange(10**6)
     moments = random.Random(seed)
     machine = machines.enter_context(Machine(preset("hybrid-20")))
 
     def start_in(runtime: Path) -> Monitor:
         return start(x11, machine, env={"XDG_RUNTIME_DIR": str(runtime)}, accessible=False)
-    outcomes: list[tuple[bool, bool]] = []
-    while len(outcomes) < CRASHES:
-        outcomes += random_crashes(start_in, tmp_path, moments)
-    print(f"seed {seed}: {len(outcomes)} crashes, {sum(ended for ended, _ in outcomes)} true endings, "
-          f"{sum(whole for _, whole in outcomes)} whole reports")
-    assert outcomes == [(True, True)] * len(outcomes)
+    faults: list[str] = []
+    while len(faults) < CRASHES:
+        faults += random_crashes(start_in, tmp_path, moments)
+    print(f"seed {seed}: {len(faults)} crashes")
+    assert [fault for fault in faults if fault] == []

@@ -5,7 +5,6 @@ from __future__ import annotations
 import math
 import os
 import re
-import subprocess
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
@@ -570,14 +569,7 @@ def test_clocks_stand_behind_the_curves(
 
 # --- decimal commas ---
 
-@pytest.fixture(scope="session")
-def german_locale(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """A folder with the locale de_DE.UTF-8."""
-    folder = tmp_path_factory.mktemp("locales")
-    subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", folder / "de_DE.UTF-8"], check=True, capture_output=True)
-    return folder
-
-
+@pytest.mark.xdist_group("German")
 def test_decimal_commas_are_shown_and_kernel_files_read_right(
         german_locale: Path, x11: XDisplay, start: Start, machines, tmp_path: Path) -> None:
     commas = {"LC_NUMERIC": "de_DE.UTF-8", "LOCPATH": str(german_locale), "LC_ALL": None}
