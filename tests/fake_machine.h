@@ -25,9 +25,12 @@
 #include <thread>
 #include <vector>
 
+/// For whatever has to come: a deadline for a machine that does a hundred other things, not an expectation. What comes costs no more for it.
+constexpr std::chrono::milliseconds DEADLINE = std::chrono::minutes(2);
+
 /// Whether the condition comes true before the deadline.
 template <typename Condition>
-bool wait_until(Condition condition, std::chrono::milliseconds deadline = std::chrono::seconds(20))
+bool wait_until(Condition condition, std::chrono::milliseconds deadline = DEADLINE)
 {
     const auto end = std::chrono::steady_clock::now() + deadline;
     while (!condition()) {

@@ -66,7 +66,7 @@ inline std::string localized(std::string text)
 
 /// Runs the main loop until the condition is true, and says whether it was before the deadline.
 template <typename Condition>
-bool iterate_until(Condition condition, std::chrono::milliseconds deadline = std::chrono::seconds(20))
+bool iterate_until(Condition condition, std::chrono::milliseconds deadline = DEADLINE)
 {
     // Wakes the loop up, so that a condition that no event announces is looked at, too
     const guint waker = g_timeout_add_full(
@@ -228,7 +228,7 @@ inline int run_app(App& app, const std::function<void()>& test, End end = End::A
         if (wanted_end == End::AFTER_TEST) {
             gtk_main_quit();
         } else {
-            g_timeout_add_full(G_PRIORITY_DEFAULT, 20'000, WATCHDOG, nullptr, nullptr);
+            g_timeout_add_full(G_PRIORITY_DEFAULT, static_cast<guint>(DEADLINE.count()), WATCHDOG, nullptr, nullptr);
         }
         return G_SOURCE_REMOVE;
     };

@@ -16,7 +16,12 @@ T = TypeVar("T")
 
 POLL_INTERVAL = 0.01  # seconds; short against all that is waited for, long against a look
 LONGEST_POLL_INTERVAL = 0.2
-END_TIMEOUT = 5.0  # seconds a process has to obey SIGTERM before SIGKILL follows
+WAITED_PER_POLL = 20  # times as long as a look comes too late
+
+# Seconds for whatever has to come: a deadline for a machine that does a hundred other things, not an expectation. What comes costs no
+# more for it.
+TIMEOUT = 120.0
+END_TIMEOUT = 30.0  # seconds a process has to obey SIGTERM before SIGKILL follows
 
 
 class DisplayError(RuntimeError):
@@ -33,16 +38,18 @@ def wait_until(condition: Callable[[], T], timeout: float, what: object) -> T:
     The condition is asked once more after the deadline: a busy machine that never let us ask in
     between does not make a true condition fail.
     """
-    deadline = time.monotonic() + timeout
+    start = time.monotonic()
     while True:
         begin = time.monotonic()
         value = condition()
         if value:
             return value
-        if begin >= deadline:
+        if begin >= start + timeout:
             raise WaitTimeout(f"waited {timeout:g} s in vain for {what}")
-        # A question that takes long costs whoever answers it as much: it is asked a third of the time at most
-        time.sleep(min(max(POLL_INTERVAL, 2 * (time.monotonic() - begin)), LONGEST_POLL_INTERVAL))
+        # A question that takes long costs whoever answers it as much: it is asked a third of the time at most. And what has been waited for
+        # long need not be noticed to the instant.
+        now = time.monotonic()
+        time.sleep(min(max(POLL_INTERVAL, 2 * (now - begin), (now - start) / WAITED_PER_POLL), LONGEST_POLL_INTERVAL))
 
 
 def dying_with_parent(argv: Sequence[str]) -> list[str]:
@@ -129,7 +136,7 @@ class Process:
             return self.wait(timeout)
         except WaitTimeout:
             self.send_signal(signal.SIGKILL)
-            return self.wait(timeout)
+            return self.wait(TIMEOUT)
 
     def __str__(self) -> str:
         return f"process {self.pid} ({' '.join(self.argv)})"

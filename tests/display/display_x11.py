@@ -14,9 +14,8 @@ from collections.abc import Callable, Mapping
 from pathlib import Path
 from typing import Any, NamedTuple
 
-from display_process import DisplayError, wait_until
+from display_process import TIMEOUT, DisplayError, wait_until
 
-TOOL_TIMEOUT = 20.0  # seconds; the tools answer within milliseconds, but a machine can be busy
 ASK_AGAIN = 3.0  # seconds
 
 # xprop shows _NET_WM_NAME as it is, but leaves quotes in WM_NAME bare.
@@ -37,7 +36,7 @@ class Geometry(NamedTuple):
 def run_tool(argv: list[str], env: Mapping[str, str], folder: Path | str | None = None) -> str:
     """Runs a tool (in this folder) and returns its output; raises with its complaint."""
     done = subprocess.run(argv, env=env, cwd=folder, capture_output=True, text=True,
-                          errors="replace", timeout=TOOL_TIMEOUT, check=False)
+                          errors="replace", timeout=TIMEOUT, check=False)
     if done.returncode != 0:
         raise DisplayError(f"{' '.join(argv)}: status {done.returncode}: {done.stderr.strip()}")
     return done.stdout
@@ -49,7 +48,7 @@ class X11Windows:
     env: dict[str, str]  # the environment of a client
 
     def find_window(self, title: str | None = None, pid: int | None = None,
-                    timeout: float = 10.0) -> int:
+                    timeout: float = TIMEOUT) -> int:
         """Waits for a visible window with exactly this title, of this process, or both.
 
         The process tells its own id, so one in a container of process ids can't be found by it.
@@ -65,7 +64,7 @@ class X11Windows:
         argv += ["--pid", str(pid)] if pid is not None else []
         argv += ["--name", f"^{_literal(title)}$"] if title is not None else []
         found = subprocess.run(argv, env=self.env, capture_output=True, text=True,
-                               timeout=TOOL_TIMEOUT, check=False)  # status 1: none found
+                               timeout=TIMEOUT, check=False)  # status 1: none found
         return [int(line) for line in found.stdout.split()]
 
     def geometry(self, window: int) -> Geometry:

@@ -27,17 +27,15 @@ from typing import Any, Self, TypeVar
 
 from display_managers import WINDOW_MANAGERS
 from display_pictures import load_picture, pixel
-from display_process import (DisplayError, Process, ReadyPipe, WaitTimeout, dying_with_parent,
-                             end_processes_with, wait_until)
+from display_process import (TIMEOUT, DisplayError, Process, ReadyPipe, WaitTimeout,
+                             dying_with_parent, end_processes_with, wait_until)
 from display_x11 import Geometry, X11Windows, run_tool
 from display_xwire import SlotKeeper, XWire, wait_for_window_manager
 
-__all__ = ["Display", "DisplayError", "Geometry", "Process", "SwayDisplay", "TwoMonitors",
+__all__ = ["TIMEOUT", "Display", "DisplayError", "Geometry", "Process", "SwayDisplay", "TwoMonitors",
            "WaitTimeout", "WestonDisplay", "XDisplay", "load_picture", "pixel", "wait_until"]
 
 T = TypeVar("T")
-
-START_TIMEOUT = 30.0  # seconds; a cold disk and a busy machine have taken several
 
 # What a caller's own desktop would bring into a client; all else of our environment is passed on.
 DESKTOP_PREFIXES = ("XDG_", "GTK_", "GTK3_", "GDK_", "GSETTINGS_", "GNOME_", "KDE_", "LC_", "DBUS_",
@@ -110,7 +108,7 @@ class Display(ABC):
             self.env = self._base_environment()
             bus = self._launch_bus()
             self._start()
-            bus.line(self._services[0], START_TIMEOUT)
+            bus.line(self._services[0], TIMEOUT)
             self._start_window_manager()
         except BaseException:  # also an interruption from the keyboard
             self.stop()
@@ -251,7 +249,7 @@ class XDisplay(X11Windows, Display):
                    "-maxclients", "1024",  # room for the slots that SlotKeeper occupies
                    *self._server_options]
         self.server = self._serve(command[0], command, pass_fds=[pipe.write_end])
-        self.number = int(pipe.line(self.server, START_TIMEOUT))
+        self.number = int(pipe.line(self.server, TIMEOUT))
         self.env |= {"DISPLAY": f":{self.number}", "GDK_BACKEND": "x11",
                      "GDK_SCALE": str(self.scale), "XDG_SESSION_TYPE": "x11"}
         self._keeper = SlotKeeper(self.number)
@@ -266,7 +264,7 @@ class XDisplay(X11Windows, Display):
         kind = WINDOW_MANAGERS[self.window_manager]
         self._manager = self._serve(self.window_manager, kind.set_up(self.home),
                                     {"GDK_SCALE": "1", **kind.variables})
-        if not wait_for_window_manager(self.number, kind.is_modern, START_TIMEOUT,
+        if not wait_for_window_manager(self.number, kind.is_modern, TIMEOUT,
                                        hope=self._manager.running):
             raise DisplayError(f"{self._manager} does not manage windows:\n"
                                f"{self._manager.last_words()}")
@@ -274,7 +272,7 @@ class XDisplay(X11Windows, Display):
     def replace_window_manager(self) -> None:
         """Lets the window manager die, and starts another of its kind."""
         self._manager.send_signal(signal.SIGKILL)
-        self._manager.wait(START_TIMEOUT)
+        self._manager.wait(TIMEOUT)
         self._start_window_manager()
 
     def spawn(self, argv: Sequence[str | Path], env_extra: Mapping[str, str | None] = {},
@@ -286,7 +284,7 @@ class XDisplay(X11Windows, Display):
     def catch_up(self) -> None:
         """Call it before a client is started without `spawn`, if another has ended before."""
         if self._keeper is not None:
-            self._keeper.catch_up(START_TIMEOUT)
+            self._keeper.catch_up(TIMEOUT)
 
     def stop(self) -> None:
         if self._keeper is not None:
@@ -423,7 +421,7 @@ class SwayDisplay(Display):
         """The parts of the tree that describe windows of the program with this id."""
         return [node for node in _nodes(self.tree()) if node.get("app_id") == app_id]
 
-    def view(self, app_id: str, timeout: float = 10.0) -> dict[str, Any]:
+    def view(self, app_id: str, timeout: float = TIMEOUT) -> dict[str, Any]:
         """Waits for a window of the program with this id (GTK takes the program's file name)."""
         return wait_until(lambda: self.views(app_id), timeout, f"a window of {app_id}")[0]
 
@@ -513,7 +511,7 @@ def _wait_for_server(server: Process, ready: Callable[[], T]) -> T:
         if not value and not server.running():
             raise DisplayError(f"{server} has ended:\n{server.last_words()}")
         return value
-    return wait_until(ready_or_dead, START_TIMEOUT, f"{server} to accept clients")
+    return wait_until(ready_or_dead, TIMEOUT, f"{server} to accept clients")
 
 
 def _nodes(node: dict[str, Any]) -> list[dict[str, Any]]:

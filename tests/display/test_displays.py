@@ -21,13 +21,12 @@ HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 
 from display_process import end_processes_with, processes_with  # noqa: E402
-from displays import (Display, DisplayError, Process, SwayDisplay, WaitTimeout,  # noqa: E402
+from displays import (TIMEOUT, Display, DisplayError, Process, SwayDisplay, WaitTimeout,  # noqa: E402
                       TwoMonitors, WestonDisplay, XDisplay, load_picture, pixel,
                       wait_until)
 
 PEER = struct.Struct("3i")  # process, user and group id, as SO_PEERCRED tells them
 ON_DISPLAY = str(HERE / "on-display")
-TIMEOUT = 20.0  # seconds; a deadline for a busy machine, not an expectation
 
 Picture = NDArray[numpy.uint8]
 
@@ -435,7 +434,7 @@ def test_display_that_fails_to_start_leaves_nothing(monkeypatch: pytest.MonkeyPa
 
 def on_display(*arguments: str | Path, input: str = "") -> subprocess.CompletedProcess[str]:
     return subprocess.run([ON_DISPLAY, *map(str, arguments)], capture_output=True, text=True,
-                          timeout=60, check=False, input=input)
+                          timeout=TIMEOUT, check=False, input=input)
 
 
 @every_kind
@@ -525,8 +524,12 @@ def test_killed_launcher_takes_its_servers_along(kind: str) -> None:
 def test_picture_of_a_program(kind: str, probe: Path, tmp_path: Path) -> None:
     shot = tmp_path / "shot.png"
 
-    def shows_window() -> bool:  # the moment is the caller's guess, so a slow machine may repeat
-        done = on_display("--kind", kind, "--screenshot", shot, "--after", "0.7", "--", probe)
+    after = 0.7
+
+    def shows_window() -> bool:  # the moment is the caller's guess, so a slow machine may repeat, and wait longer each time
+        nonlocal after
+        done = on_display("--kind", kind, "--screenshot", shot, "--after", str(after), "--", probe)
+        after *= 2
         assert done.returncode == 0
         return area_of(load_picture(shot), YELLOW)[2:] == (150, 100)
     wait_until(shows_window, TIMEOUT, "a picture with the window")
@@ -567,7 +570,7 @@ def test_ordinary_user(kind: str) -> None:
     if subprocess.run([*NOBODY, "test", "-x", ON_DISPLAY], check=False).returncode != 0:
         pytest.skip("the source tree is closed to other users")
     command = [*NOBODY, ON_DISPLAY, "--kind", kind, "--", "sh", "-c", "id -u; exit 7"]
-    done = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
+    done = subprocess.run(command, capture_output=True, text=True, timeout=TIMEOUT, check=False)
     assert (done.returncode, done.stdout) == (7, "65534\n"), shlex.join(command) + done.stderr
 
 

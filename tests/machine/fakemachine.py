@@ -36,9 +36,9 @@ __all__ = ["MARKER", "UPDATE_SECONDS", "DescriptionError", "Machine", "MachineEr
 PRESETS = Path(__file__).resolve().parent / "presets"
 PREFIX = "fake-machine-"
 SETTLING_SECONDS = 10  # a folder this young may not have its lock yet
-STARTING_SECONDS = 1.0  # a program that ignores a signal that long does so on purpose
 
-# bwrap itself must outlive these, to report how the program took them.
+# bwrap itself must outlive these, to report how the program took them. On its way through these two the program ignores them, too.
+STARTERS = ("bwrap", "env")
 PASSED_ON = (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM)
 
 
@@ -573,9 +573,8 @@ class Program(subprocess.Popen):  # type: ignore[type-arg]
                 os.close(end)
 
     def _await_readiness(self, sig: int) -> None:
-        """On its way through bwrap the program ignores the signals that bwrap has to outlive."""
-        deadline = time.monotonic() + STARTING_SECONDS
-        while sig in self._reset and _ignores(self.program_pid, sig) and time.monotonic() < deadline:
+        """On its way through bwrap the program ignores the signals that bwrap has to outlive. What ignores them later does so on purpose."""
+        while sig in self._reset and _is_on_its_way(self.program_pid, sig):
             time.sleep(0.002)
 
 
@@ -593,11 +592,10 @@ def _bwrap_options(status: int, gate: int) -> list[str]:
     return options
 
 
-def _ignores(pid: int, sig: int) -> bool:
+def _is_on_its_way(pid: int, sig: int) -> bool:
     with contextlib.suppress(OSError):
-        for line in Path(f"/proc/{pid}/status").read_text().splitlines():
-            if line.startswith("SigIgn:"):
-                return bool(int(line.split()[1], 16) >> (sig - 1) & 1)
+        fields = dict(line.split(":\t", 1) for line in Path(f"/proc/{pid}/status").read_text().splitlines() if ":\t" in line)
+        return fields["Name"] in STARTERS and bool(int(fields.get("SigIgn", "0"), 16) >> (sig - 1) & 1)
     return False
 
 

@@ -19,9 +19,8 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/display"))
 
 from display_process import Process  # noqa: E402
-from displays import SwayDisplay, XDisplay, wait_until  # noqa: E402
+from displays import TIMEOUT, SwayDisplay, XDisplay, wait_until  # noqa: E402
 
-TIMEOUT = 30.0  # seconds; a deadline for a busy machine, not an expectation
 SEARCHED_WORDS = ["cpu", "load", "temperature", "monitor"]
 XML_LANGUAGE = "{http://www.w3.org/XML/1998/namespace}lang"
 

@@ -9,7 +9,7 @@ from typing import Any, Self
 
 from gi.repository import Gio, GLib
 
-from displays import Process, XDisplay, wait_until
+from displays import TIMEOUT, Process, XDisplay, wait_until
 
 BUS = "org.freedesktop.DBus"
 NAME, PATH = "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop"
@@ -17,7 +17,6 @@ INTERFACE, SIGNAL = "org.freedesktop.portal.Settings", "SettingChanged"
 COLOR_SCHEME = ("org.freedesktop.appearance", "color-scheme")
 NO_PREFERENCE, DARK, LIGHT = range(3)
 
-TIMEOUT = 30.0  # seconds; a deadline for a busy machine, not an expectation
 TIMEOUT_MS = int(TIMEOUT * 1000)
 
 _DESCRIPTION = Gio.DBusNodeInfo.new_for_xml(f"""

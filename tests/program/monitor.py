@@ -15,11 +15,10 @@ from pathlib import Path
 import numpy
 
 from accessibility import AccessibilityBus, Address, Node, Rect
-from displays import Display, SwayDisplay, WestonDisplay, XDisplay, load_picture, wait_until
+from displays import TIMEOUT, Display, SwayDisplay, WestonDisplay, XDisplay, load_picture, wait_until
 from fakemachine import Machine
 
 MAX_LOOKS, MANY_CARDS = 5, 32  # at a window whose parts may be moving; where a look takes long
-TIMEOUT = 30.0  # seconds; a deadline for a busy machine, not an expectation
 TITLE, PROGRAM_NAME = "Vantric", "vantric"
 
 #: A group colour that nothing else in a window has, so that a colour bar can be found by it.

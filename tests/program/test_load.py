@@ -129,10 +129,13 @@ class Wandering(Repeating):
         self._machine.write(STAT, text)
 
     def explanation(self, shown: list[str]) -> list[float] | None:
-        """The loads between two states about a second apart that look like this, if there are any."""
-        for before, after in itertools.combinations(list(self.states), 2):
+        """The loads between two states about a second apart that look like this, if there are any. Where we have been held up, both readings
+        may have found the same state."""
+        states = [*self.states, State(time.monotonic(), [])]
+        lasting = [(state, following.since - state.since) for state, following in itertools.pairwise(states)]
+        for (before, seconds), (after, _) in itertools.combinations_with_replacement(lasting, 2):
             # Not exactly a second, as we may have been held up between a note and its state.
-            if 0.3 < after.since - before.since < 4:
+            if 0.3 < after.since - before.since < 4 or (before is after and seconds > 0.9):
                 loads = usages(before.lines, after.lines)
                 if [percentage(load) for load in loads] == shown:
                     return loads

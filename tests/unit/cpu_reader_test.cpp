@@ -584,7 +584,7 @@ TEST(RunningReader, StopDuringThePauseReadsNothingMore)
     reader.feed(stat_text({{0, 0}}));
     ASSERT_TRUE(wait_until([&] { return reader->core_count() == 1; }));
     const auto stopped = std::async(std::launch::async, [&] { reader->stop(); });  // a further reading would hang
-    EXPECT_EQ(std::future_status::ready, stopped.wait_for(std::chrono::seconds(20)));
+    EXPECT_EQ(std::future_status::ready, stopped.wait_for(DEADLINE));
     reader.let_go_until(stopped);
 }
 
@@ -623,7 +623,7 @@ TEST(RunningReader, NeverMakesAGetterWaitForTheKernel)
     int pipe = -1;
     ASSERT_TRUE(wait_until([&] { return (pipe = open(STAT, O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }));  // it reads, and hangs
     auto answer = std::async(std::launch::async, [&] { return reader->get_cores().size() + reader->get_total_history().size(); });
-    ASSERT_EQ(std::future_status::ready, answer.wait_for(std::chrono::seconds(20)));
+    ASSERT_EQ(std::future_status::ready, answer.wait_for(DEADLINE));
     EXPECT_EQ(2, answer.get());
     close(pipe);
 }
