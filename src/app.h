@@ -114,6 +114,19 @@ private:
         void paint(const std::function<void(cairo_t*)>& paint_card);
     };
 
+    /// The text that the info line shows, with all that it was chosen by: measuring texts is dear, and the choice seldom another.
+    struct InfoChoice {
+        std::vector<std::string> candidates;
+        int width = 0;   ///< in pixels
+        guint font = 0;  ///< serial number of the font, its size and its resolution
+        std::string text;
+
+        bool is_among(const std::vector<std::string>& texts, int room, guint serial) const
+        {
+            return candidates == texts && width == room && font == serial;
+        }
+    };
+
     static gboolean on_update(gpointer data);
     /// One tick: fresh readings into the cache, the labels, and a redraw of every chart.
     void update();
@@ -342,6 +355,7 @@ private:
     std::vector<TitleBackdrop> m_title_backdrops;
     ChartPainter m_chart_painter;
     Cache m_cache;
+    InfoChoice m_info_choice;
     std::unique_ptr<CPUReader> m_cpu_reader;
     std::unique_ptr<SystemMetrics> m_sys_metrics;
     std::vector<CpuCluster> m_clusters;

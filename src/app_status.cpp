@@ -159,7 +159,12 @@ void App::update_info_line()
     const int logical = static_cast<int>(m_cache.cores.size());
     const CoreCounts counts = core_counts(logical, m_sys_metrics->get_physical_core_count());
     const auto candidates = info_candidates(counts, memory_text(m_cache.mem_used_gb, m_cache.mem_total_gb));
-    set_text(m_info_label, longest_fitting(candidates, info_line_width()).c_str());
+    const int width = info_line_width();
+    const guint font = pango_context_get_serial(gtk_widget_get_pango_context(m_info_label));
+    if (!m_info_choice.is_among(candidates, width, font)) {
+        m_info_choice = {candidates, width, font, longest_fitting(candidates, width)};
+    }
+    set_text(m_info_label, m_info_choice.text.c_str());
 }
 
 /// The width that the info line has, or will have at its first allocation; before the window's own, a negative number.

@@ -26,8 +26,15 @@ struct LockWatch {
 };
 
 LockWatch g_lock_watch;
+int g_measured_texts = 0;
 
 }  // namespace
+
+extern "C" PangoLayout* gtk_widget_create_pango_layout(GtkWidget* widget, const gchar* text)
+{
+    g_measured_texts += is_own_code(__builtin_return_address(0)) ? 1 : 0;
+    return next<PangoLayout*(GtkWidget*, const gchar*)>("gtk_widget_create_pango_layout")(widget, text);
+}
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
@@ -811,6 +818,30 @@ TEST_F(InfoLine, FollowsTheTick)
     put_facts(app, {.logical = 3, .physical = 3});
     app.update();
     EXPECT_EQ(text_of(app.m_info_label), "3 Cores");
+}
+
+TEST_F(InfoLine, IsMeasuredAgainOnlyIfItsTextsItsRoomOrItsFontChange)
+{
+    IdleApp app(Shape{.clusters = {1}});
+    put_facts(app, VAST);
+    ASSERT_TRUE(fit_font(app.m_info_label, FORMS_OF_VAST[0], 300));
+    allocate(app.m_info_label, 300);
+    app.update_info_line();
+    EXPECT_EQ(text_of(app.m_info_label), FORMS_OF_VAST[0]);
+    g_measured_texts = 0;
+    app.update_info_line();
+    EXPECT_EQ(g_measured_texts, 0);
+    allocate(app.m_info_label, 299);
+    app.update_info_line();
+    EXPECT_EQ(text_of(app.m_info_label), FORMS_OF_VAST[1]);
+    put_facts(app, {.logical = 16, .physical = 8});
+    app.update_info_line();
+    EXPECT_NE(text_of(app.m_info_label), FORMS_OF_VAST[1]);
+    put_facts(app, VAST);
+    app.update_info_line();
+    ASSERT_TRUE(fit_font(app.m_info_label, FORMS_OF_VAST[0], 299));
+    app.update_info_line();
+    EXPECT_EQ(text_of(app.m_info_label), FORMS_OF_VAST[0]);
 }
 
 // --- the width that it reckons with ---
