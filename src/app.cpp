@@ -125,6 +125,7 @@ App::~App()
         }
     }
     g_clear_object(&m_css);
+    gdk_event_handler_set([](GdkEvent* event, gpointer) { gtk_main_do_event(event); }, nullptr, nullptr);
 }
 
 int App::run(int argc, char** argv)

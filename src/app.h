@@ -16,6 +16,7 @@
 #include "cpu_topology.h"
 #include "damage.h"
 #include "pixel_canvas.h"
+#include "shared_image.h"
 #include "system_metrics.h"
 #include "theme.h"
 #include "widget_building.h"
@@ -166,10 +167,12 @@ private:
 
     // --- app_painting.cpp: how the window gets onto the screen ---
 
-    /// "draw" handler of the window: paints it in memory, at the scale of the screen, and puts that up in one piece.
+    /// GDK's handler of all events: where the X server shares memory with the program, the window is painted there. All else is GTK's.
+    static void handle_event(GdkEvent* event, gpointer data);
+    bool paint_exposed(const GdkEventExpose& event);
+    /// "draw" handler of the window: paints it where GTK has an image of it.
     static gboolean draw_window(GtkWidget* window, cairo_t* cr, gpointer data);
-    bool paint_through_image(cairo_t* screen);
-    void paint_window(cairo_t* cr);
+    void paint_window(cairo_t* cr, const Damage& damage);
     bool is_readings_alone(const Damage& damage, const PixelCanvas& canvas);
     void paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidgets& core, const Damage& damage);
     /// Borrowed, until the next call.
@@ -352,6 +355,8 @@ private:
     GtkWidget* m_col_label = nullptr;  ///< the number of columns in the dialog
     GtkCssProvider* m_css = nullptr;   ///< owned
     std::vector<ClusterUI> m_clusters_ui;
+    std::unique_ptr<SharedImage> m_screen_image;  ///< what stands on the screen; null until painted, and where memory can't be shared
+    bool m_shares_memory = true;                  ///< until that was refused
     std::vector<TitleBackdrop> m_title_backdrops;
     ChartPainter m_chart_painter;
     Cache m_cache;
@@ -367,8 +372,9 @@ private:
     std::int32_t m_last_window_h = 0;  ///< 0 until the first allocation, and after a rebuild
     std::int32_t m_last_window_w = 0;  ///< likewise after a change of fonts
     bool m_is_window_closed = false;
-    bool m_paints_own_canvas = false;  ///< inside draw_window(), on pixels in memory; written there, read by it and by draw_chart()
-    bool m_dark = false;               ///< the resolved theme; written by apply_theme() alone
-    guint m_portal_sub = 0;            ///< subscription to the portal's signal; 0 if there is none
+    bool m_paints_own_canvas =
+        false;               ///< inside paint_window(), on pixels in memory; written there, read by draw_window() and by draw_chart()
+    bool m_dark = false;     ///< the resolved theme; written by apply_theme() alone
+    guint m_portal_sub = 0;  ///< subscription to the portal's signal; 0 if there is none
     const Handlers m_handlers{this};
 };

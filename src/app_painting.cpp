@@ -1,11 +1,11 @@
 /// How the window gets onto the screen. A tick changes charts and percentages and little else, so these have a short way of their own.
 ///
-/// | Canvas                                       | Window                                        | Cards after a tick  | Charts          |
-/// |----------------------------------------------|-----------------------------------------------|---------------------|-----------------|
-/// | X11 with memory that the server shares       | in an image there, put up in one piece        | paint_card_readings | ChartPainter    |
-/// | Wayland: an image already                    | on that                                       | paint_card_readings | ChartPainter    |
-/// | X11 without such memory, as through ssh -X   | GTK: a picture each second is a lot to send   | GTK                 | paint_chart     |
-/// | somebody else's: a picture, a file, a printer| GTK                                           | GTK                 | paint_chart     |
+/// | Canvas                                       | Window                                        | Readings after a tick | Charts       |
+/// |----------------------------------------------|-----------------------------------------------|-----------------------|--------------|
+/// | X11 with memory that the server shares       | in a SharedImage, put up in one piece         | paint_readings        | ChartPainter |
+/// | Wayland: an image already                    | on that                                       | paint_readings        | ChartPainter |
+/// | X11 without such memory, as through ssh -X   | GTK: a picture each second is a lot to send   | GTK                   | paint_chart  |
+/// | somebody else's: a picture, a file, a printer| GTK                                           | GTK                   | paint_chart  |
 ///
 /// The first two are our own canvas, m_paints_own_canvas. All ways lead to the same picture.
 #include <algorithm>
@@ -79,15 +79,6 @@ void copy_pixels(const auto& backdrop, const GdkRectangle& place, const PixelCan
     canvas.mark_dirty();
 }
 
-/// Lets texts look as they do on that surface: its hinting, smoothing and order of subpixels are the screen's.
-void set_font_options_of(cairo_surface_t* surface, cairo_t* cr)
-{
-    cairo_font_options_t* const options = cairo_font_options_create();
-    cairo_surface_get_font_options(surface, options);
-    cairo_set_font_options(cr, options);
-    cairo_font_options_destroy(options);
-}
-
 /// Sets a flag for the time of its life.
 class Flagged {
 public:
@@ -102,73 +93,78 @@ private:
 
 }  // namespace
 
-gboolean App::draw_window(GtkWidget*, cairo_t* cr, gpointer data)
+/// GTK paints a window into a pixmap of the X server's, which is then copied onto the screen. What stands ready in one image needs neither.
+void App::handle_event(GdkEvent* event, gpointer data)
 {
-    App& app = *static_cast<App*>(data);
-    const bool is_on_screen = gdk_cairo_get_drawing_context(cr) != nullptr;
-    if (app.m_paints_own_canvas || !is_on_screen) {
-        return FALSE;  // GTK's turn: asked for by ourselves, or for a canvas of somebody else's, of whatever scale
+    if (event->type != GDK_EXPOSE || !static_cast<App*>(data)->paint_exposed(event->expose)) {
+        gtk_main_do_event(event);
     }
-    if (cairo_surface_get_type(cairo_get_target(cr)) == CAIRO_SURFACE_TYPE_XLIB) {
-        return app.paint_through_image(cr);
-    }
-    app.paint_window(cr);
-    return TRUE;
 }
 
 /// Paints into an image in memory which the X server can read, and lets the server copy that. Painted straight on a surface of the server,
 /// each curve would travel there as a mask, and the server would do much of the work. False, with nothing painted, without such memory.
-bool App::paint_through_image(cairo_t* screen)
+bool App::paint_exposed(const GdkEventExpose& event)
 {
-    const std::optional<Damage> damage = Damage::of(screen);
-    if (!damage || damage->is_empty()) {
+    if (m_window == nullptr || event.window != gtk_widget_get_window(m_window)) {
         return false;
     }
-    cairo_surface_t* const target = cairo_get_target(screen);
-    const GdkRectangle area = damage->bounds();
-    const bool is_opaque = cairo_surface_get_content(target) == CAIRO_CONTENT_COLOR;
-    const int scale = gtk_widget_get_scale_factor(m_window);
-    const std::unique_ptr<cairo_surface_t, void (*)(cairo_surface_t*)> image(
-        gdk_window_create_similar_image_surface(gtk_widget_get_window(m_window), is_opaque ? CAIRO_FORMAT_RGB24 : CAIRO_FORMAT_ARGB32,
-                                                area.width * scale, area.height * scale, scale),
-        cairo_surface_destroy);
-    if (cairo_surface_get_device(image.get()) == nullptr) {
-        return false;  // an image of the program's own, which cairo would have to send
+    Damage damage = Damage::of(event.region);
+    if (!m_screen_image || !m_screen_image->fits(event.window)) {
+        m_screen_image.reset();  // before the other one is made, so that there are never two
+        m_screen_image = m_shares_memory ? SharedImage::of(event.window) : nullptr;
+        m_shares_memory = m_screen_image != nullptr;
+        damage = Damage::of({0, 0, gdk_window_get_width(event.window), gdk_window_get_height(event.window)});
     }
-    cairo_t* const cr = cairo_create(image.get());
-    set_font_options_of(target, cr);
-    cairo_translate(cr, -area.x, -area.y);
-    damage->clip(cr);
-    paint_window(cr);
+    if (!m_screen_image) {
+        return false;
+    }
+    cairo_t* const cr = m_screen_image->begin();
+    damage.clip(cr);
+    paint_window(cr, damage);
     cairo_destroy(cr);
-    cairo_set_operator(screen, CAIRO_OPERATOR_SOURCE);
-    cairo_set_source_surface(screen, image.get(), area.x, area.y);
-    cairo_paint(screen);
+    m_screen_image->put_up(damage.bounds());
     return true;
 }
 
-/// Paints what the clip leaves to be painted, on an image.
-void App::paint_window(cairo_t* cr)
+gboolean App::draw_window(GtkWidget*, cairo_t* cr, gpointer data)
+{
+    App& app = *static_cast<App*>(data);
+    const bool is_on_screen = gdk_cairo_get_drawing_context(cr) != nullptr;
+    if (app.m_paints_own_canvas || !is_on_screen || cairo_surface_get_type(cairo_get_target(cr)) == CAIRO_SURFACE_TYPE_XLIB) {
+        return FALSE;  // GTK's turn: asked for by ourselves, or for a canvas of somebody else's, or handle_event() can't help it
+    }
+    const std::optional<Damage> damage = Damage::of(cr);
+    if (damage) {
+        app.paint_window(cr, *damage);
+    }
+    return damage.has_value();
+}
+
+/// Paints that part of the window on an image. The context is clipped to it.
+void App::paint_window(cairo_t* cr, const Damage& damage)
 {
     const Flagged own(m_paints_own_canvas);
     const std::optional<PixelCanvas> canvas = PixelCanvas::of(cr);
-    const std::optional<Damage> damage = Damage::of(cr);
-    if (!canvas || !damage || !is_readings_alone(*damage, *canvas)) {
+    if (!canvas || !is_readings_alone(damage, *canvas)) {
         gtk_widget_draw(m_window, cr);
         return;
     }
-    const GdkRectangle grid = allocation_of(m_core_grid);
-    if (damage->area_within(grid) < damage->area()) {
+    const GdkRectangle total = allocation_of(m_total_chart);
+    const Damage rest = damage.without(allocation_of(m_core_grid)).without(total);
+    if (!rest.is_empty()) {
         cairo_save(cr);
-        damage->clip_without(cr, grid);
+        rest.clip(cr);
         gtk_widget_draw(m_window, cr);
         cairo_restore(cr);
     }
     cairo_save(cr);
     cairo_reset_clip(cr);  // one of hundreds of rectangles would cost more than it saves; what is painted beside them is not put up
+    if (damage.area_within(total) > 0) {
+        m_chart_painter.paint(cr, *canvas, chart_of(m_total_chart, total), palette());
+    }
     for (const ClusterUI& ui : m_clusters_ui) {
         for (const CoreWidgets& core : ui.cores) {
-            paint_readings(cr, *canvas, core, *damage);
+            paint_readings(cr, *canvas, core, damage);
         }
     }
     cairo_restore(cr);

@@ -46,6 +46,7 @@ void App::create_window()
     m_handlers.connect(m_window, "delete-event", G_CALLBACK(on_delete));
     m_handlers.connect(m_window, "configure-event", G_CALLBACK(on_configure));
     m_handlers.connect(m_window, "draw", G_CALLBACK(draw_window));
+    gdk_event_handler_set(handle_event, this, nullptr);
     m_handlers.connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc));
     build_layout();
     queue_window_icon();
@@ -127,6 +128,7 @@ void App::on_destroy(GtkWidget*, gpointer data)
 {
     App& app = *static_cast<App*>(data);
     app.m_window = nullptr;
+    app.m_screen_image.reset();
     app.m_is_window_closed = true;
 }
 

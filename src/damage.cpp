@@ -18,13 +18,6 @@ std::optional<GdkRectangle> whole_units(const cairo_rectangle_t& r)
     return is_whole ? std::optional(whole) : std::nullopt;
 }
 
-void clip_to(cairo_t* cr, cairo_region_t* region)
-{
-    gdk_cairo_region(cr, region);
-    cairo_clip(cr);
-    cairo_region_destroy(region);
-}
-
 }  // namespace
 
 std::optional<Damage> Damage::of(cairo_t* cr)
@@ -41,6 +34,23 @@ std::optional<Damage> Damage::of(cairo_t* cr)
     }
     cairo_rectangle_list_destroy(list);
     return is_whole ? std::optional(damage) : std::nullopt;
+}
+
+Damage Damage::of(const cairo_region_t* region)
+{
+    Damage damage;
+    damage.m_parts.resize(static_cast<std::size_t>(cairo_region_num_rectangles(region)));
+    for (int i = 0; GdkRectangle & part : damage.m_parts) {
+        cairo_region_get_rectangle(region, i++, &part);
+    }
+    return damage;
+}
+
+Damage Damage::of(const GdkRectangle& whole)
+{
+    Damage damage;
+    damage.m_parts.push_back(whole);
+    return damage;
 }
 
 Damage::Area Damage::area() const
@@ -67,7 +77,7 @@ Damage::Area Damage::area_within(const GdkRectangle& place) const
 
 GdkRectangle Damage::bounds() const
 {
-    GdkRectangle box = m_parts.front();
+    GdkRectangle box = is_empty() ? GdkRectangle{} : m_parts.front();
     for (const GdkRectangle& part : m_parts) {
         gdk_rectangle_union(&box, &part, &box);
     }
@@ -76,17 +86,18 @@ GdkRectangle Damage::bounds() const
 
 void Damage::clip(cairo_t* cr) const
 {
-    clip_to(cr, region());
+    gdk_cairo_region(cr, region().get());
+    cairo_clip(cr);
 }
 
-void Damage::clip_without(cairo_t* cr, const GdkRectangle& place) const
+Damage Damage::without(const GdkRectangle& place) const
 {
-    cairo_region_t* const rest = region();
-    cairo_region_subtract_rectangle(rest, &place);
-    clip_to(cr, rest);
+    const Region rest = region();
+    cairo_region_subtract_rectangle(rest.get(), &place);
+    return of(rest.get());
 }
 
-cairo_region_t* Damage::region() const
+Damage::Region Damage::region() const
 {
-    return cairo_region_create_rectangles(m_parts.data(), static_cast<int>(m_parts.size()));
+    return {cairo_region_create_rectangles(m_parts.data(), static_cast<int>(m_parts.size())), cairo_region_destroy};
 }

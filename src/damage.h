@@ -4,6 +4,7 @@
 #include <gdk/gdk.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -14,20 +15,23 @@ public:
 
     /// What the context's clip lets through; empty if that is not made of rectangles of whole units.
     static std::optional<Damage> of(cairo_t* cr);
+    static Damage of(const cairo_region_t* region);
+    static Damage of(const GdkRectangle& whole);
 
     bool is_empty() const { return m_parts.empty(); }
     Area area() const;
     /// How much of it lies in a rectangle.
     Area area_within(const GdkRectangle& place) const;
-    /// The smallest rectangle around it, if it is not empty.
+    /// The smallest rectangle around it; 0 by 0 if it is empty.
     GdkRectangle bounds() const;
     /// Limits painting to it.
     void clip(cairo_t* cr) const;
-    /// Limits painting to what of it lies outside of a rectangle.
-    void clip_without(cairo_t* cr, const GdkRectangle& place) const;
+    /// What of it lies outside of a rectangle.
+    Damage without(const GdkRectangle& place) const;
 
 private:
-    cairo_region_t* region() const;
+    using Region = std::unique_ptr<cairo_region_t, void (*)(cairo_region_t*)>;
+    Region region() const;
 
     std::vector<GdkRectangle> m_parts;  ///< in bands from the top down, as regions keep them
 };

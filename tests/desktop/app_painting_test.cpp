@@ -4,16 +4,28 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "app.h"
 #include "chart_font.h"
 #include "chart_look.h"
+#include "desktop/calls.h"
 #include "desktop/pictures.h"
 #include "desktop/screenshot.h"
 #include "live_app.h"
 #include "settings.h"
+
+namespace {
+int g_synchronisations = 0;  // by the program itself
+}
+
+extern "C" int XSync(void* display, int discard)
+{
+    g_synchronisations += is_own_code(__builtin_return_address(0)) ? 1 : 0;
+    return next<int(void*, int)>("XSync")(display, discard);
+}
 
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -74,6 +86,45 @@ void tick(App& app, int number)
     app.m_sys_metrics->m_frequencies.assign(static_cast<std::size_t>(cpus), 2000.0 + 100 * number);
     app.update();
 }
+
+/// How often GTK has asked any widget to paint itself, from now on to the end of its life.
+class Draws {
+public:
+    Draws() : m_hook(g_signal_add_emission_hook(signal(), 0, count, &m_count, nullptr)) {}
+    ~Draws() { g_signal_remove_emission_hook(signal(), m_hook); }
+    Draws(const Draws&) = delete;
+    Draws& operator=(const Draws&) = delete;
+    int count() const { return m_count; }
+
+private:
+    static guint signal() { return g_signal_lookup("draw", GTK_TYPE_WIDGET); }
+    static gboolean count(GSignalInvocationHint*, guint, const GValue*, gpointer count)
+    {
+        ++*static_cast<int*>(count);
+        return TRUE;
+    }
+
+    int m_count = 0;
+    gulong m_hook;
+};
+
+/// How many pieces of memory this process shares with others, and how many of them would outlive all who use them.
+struct SharedMemory {
+    int pieces = 0;
+    int lasting = 0;
+
+    static SharedMemory present()
+    {
+        SharedMemory memory;
+        std::ifstream maps("/proc/self/maps");
+        for (std::string line; std::getline(maps, line);) {
+            const bool is_shared = line.find("/SYSV") != std::string::npos;
+            memory.pieces += is_shared ? 1 : 0;
+            memory.lasting += is_shared && !line.ends_with(" (deleted)") ? 1 : 0;
+        }
+        return memory;
+    }
+};
 
 /// Lets some ticks pass, and compares what then stands on the screen with GTK's painting. Says how many of the ticks took the short way.
 int expect_ticks_as_by_gtk(App& app, int ticks = 3)
@@ -277,6 +328,63 @@ TEST_F(WindowOnScreen, KeepsWhatIsNotPaintedAnew)
     ASSERT_TRUE(settle(app.m_window));
     const Screenshot screen(app.m_window);
     EXPECT_LE(Distance(screen, painted_by_gtk(app)).largest, ROUNDING);
+}
+
+TEST_F(WindowOnScreen, IsPaintedAnewWhenItsSizeChanges)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "dark");
+    ASSERT_TRUE(app.show());
+    for (const int wider : {40, -20, 1}) {
+        const int width = gtk_widget_get_allocated_width(app.m_window) + wider;
+        gtk_window_resize(GTK_WINDOW(app.m_window), width, gtk_widget_get_allocated_height(app.m_window) + wider);
+        ASSERT_TRUE(iterate_until([&] { return gtk_widget_get_allocated_width(app.m_window) == width; }));
+        ASSERT_TRUE(settle(app.m_window));
+        const Screenshot screen(app.m_window);
+        EXPECT_LE(Distance(screen, painted_by_gtk(app)).largest, ROUNDING) << wider;
+        g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
+    }
+}
+
+TEST_F(WindowOnScreen, LeavesNoMemoryBehind)
+{
+    IdleApp app(SMALL_CARDS);
+    ASSERT_TRUE(app.show());
+    ASSERT_NE(app.m_screen_image, nullptr);
+    const SharedMemory open = SharedMemory::present();
+    EXPECT_EQ(open.lasting, 0) << "after a crash";
+    app.m_screen_image.reset();
+    EXPECT_EQ(SharedMemory::present().pieces, open.pieces - 1);
+}
+
+/// Else the server would read a picture that is half painted.
+TEST_F(WindowOnScreen, WaitsForTheServerToReadThePictureBefore)
+{
+    IdleApp app(SMALL_CARDS);
+    ASSERT_TRUE(app.show());
+    SharedImage& image = *app.m_screen_image;
+    gdk_display_sync(gdk_display_get_default());
+    g_synchronisations = 0;
+    cairo_destroy(image.begin());
+    EXPECT_EQ(g_synchronisations, 0) << "with nothing to wait for";
+    image.put_up({0, 0, 10, 10});
+    cairo_destroy(image.begin());
+    EXPECT_EQ(g_synchronisations, 1);
+}
+
+TEST_F(TickOnScreen, NeedsNoWalkThroughTheWidgets)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    for (int i = 0; i < 20; ++i) {
+        tick(app, i);
+        ASSERT_TRUE(settle(app.m_window));
+    }
+    const Draws draws;
+    tick(app, 20);
+    ASSERT_TRUE(settle(app.m_window));
+    EXPECT_EQ(draws.count(), 0);
 }
 
 TEST_F(TickOnScreen, IsWhatGtkPaints)
