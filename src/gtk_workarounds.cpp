@@ -47,3 +47,13 @@ GtkWidget* create_link_button(const char* uri, const char* label)
     g_signal_connect(link, "activate-link", G_CALLBACK(on_activate_link), nullptr);
     return link;
 }
+
+void close_menu()
+{
+    GtkWidget* const grab = gtk_grab_get_current();
+    if (grab != nullptr && GTK_IS_MENU_SHELL(grab)) {
+        gtk_menu_shell_cancel(GTK_MENU_SHELL(grab));
+    } else if (grab != nullptr && GTK_IS_POPOVER(grab)) {
+        gtk_widget_hide(grab);
+    }
+}

@@ -16,3 +16,7 @@ void move_window(GtkWindow* window, int x, int y);
 /// A button that opens the address as GTK's own would, with two differences: what is started can be ended by signals, and a desktop without a
 /// program for the address gives no warning.
 GtkWidget* create_link_button(const char* uri, const char* label);
+
+/// Closes the menu that is open, if one is. To be called before the widgets go that have opened it: GTK leaves the pointer to the menu of a
+/// link that is gone, and the focus to a colour of the chooser that went with its menu.
+void close_menu();

@@ -201,12 +201,13 @@ class SettingsDialog:
         self.wait_until_no_color_chooser()
 
     def wait_for_color_chooser(self) -> Node:
-        return wait_until(while_it_changes(self._color_chooser), TIMEOUT, "the chooser of colours")
+        return wait_until(while_it_changes(self.color_chooser), TIMEOUT, "the chooser of colours")
 
     def wait_until_no_color_chooser(self) -> None:
-        wait_until(while_it_changes(lambda: self._color_chooser() is None), TIMEOUT, "the chooser of colours to disappear")
+        wait_until(while_it_changes(lambda: self.color_chooser() is None), TIMEOUT, "the chooser of colours to disappear")
 
-    def _color_chooser(self) -> Node | None:
+    def color_chooser(self) -> Node | None:
+        """The chooser behind a colour button, None if none is open."""
         bus = self.monitor.bus
         windows = [bus.tree(window) for window in bus.children(self.monitor.root)[1:]]
         return next((window for window in windows if window.role == "dialog"), None)
@@ -325,13 +326,13 @@ def view(display: SwayDisplay, title: str) -> dict[str, Any]:
     return wait_until(found, TIMEOUT, f"a window {title}")[0]
 
 
-def click(monitor: Monitor, window: int, node: Node, offset: int | None = None) -> None:
+def click(monitor: Monitor, window: int, node: Node, offset: int | None = None, button: int = 1) -> None:
     """Clicks with the pointer in the middle of a widget, or so far from its left end, once it has found its place."""
     def settled() -> Rect | None:
         place = monitor.bus.place(node.address)
         return place if place.x >= 0 and monitor.bus.place(node.address) == place else None
     place = wait_until(settled, TIMEOUT, f"the place of {node.name}")
-    monitor.display.click(place.x + (place.width // 2 if offset is None else offset), place.y + place.height // 2, window=window)
+    monitor.display.click(place.x + (place.width // 2 if offset is None else offset), place.y + place.height // 2, button, window)
 
 
 def named(root: Node, role: str, name: str) -> Node:

@@ -436,6 +436,30 @@ def test_chooser_of_colors_goes_with_its_row(x11: XDisplay, start: Start, tmp_pa
     dialog.wait_for_saved("another language", language="de")
 
 
+def test_menu_of_a_color_goes_with_its_chooser(x11: XDisplay, start: Start, tmp_path: Path) -> None:
+    dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", MACHINE)
+    dialog.press(dialog.open().expander)
+    dialog.press(dialog.wait(lambda now: now.expanded).color("Total"))
+    chooser = dialog.wait_for_color_chooser()
+    window = x11.find_window(chooser.name, dialog.monitor.pid, TIMEOUT)
+    click(dialog.monitor, window, named(chooser, "radio button", "Dark Red"), button=3)
+    wait_until(while_it_changes(lambda: "Customize" in {node.name for node in dialog.color_chooser().walk()}), TIMEOUT, "the menu")
+    dialog.choose_language("Deutsch")
+    dialog.wait_until_no_color_chooser()
+    assert dialog.monitor.complaints() == ""
+
+
+def test_menu_of_a_link_goes_with_it(x11: XDisplay, start: Start, tmp_path: Path) -> None:
+    dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", MACHINE)
+    opened, windows = dialog.open(), len(x11.windows(pid=dialog.monitor.pid))
+    click(dialog.monitor, dialog.window(), opened.links[0], button=3)
+    wait_until(lambda: len(x11.windows(pid=dialog.monitor.pid)) > windows, TIMEOUT, "the menu")
+    dialog.choose_language("Deutsch")
+    dialog.click(dialog.wait().more)  # which the menu would keep from it
+    dialog.wait(lambda now: now.columns == 2, "two columns")
+    assert dialog.monitor.complaints() == ""
+
+
 # --- links ---
 
 # No shell: those let all signals through again.
