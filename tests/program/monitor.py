@@ -28,6 +28,9 @@ MARKER_COLOR = "#FE01C5"
 _WITHOUT_SEAT = re.compile(r"\n?.*Gdk-CRITICAL.*: gdk_(seat_get_keyboard|seat_get_pointer"
                            r"|device_get_window_at_position_double): assertion 'GDK_IS_(SEAT|DEVICE) .*\n")
 
+# What GTK says when somebody asks for the children of a window of its own, such as a menu's, that has just gone.
+_ASKED_WHEN_GONE = re.compile(r"\n?\(vantric:\d+\): Gtk-CRITICAL .*: gtk_container_forall: assertion 'GTK_IS_CONTAINER \(container\)' failed\n")
+
 #: What GTK says of a signal that came before the main loop.
 QUIT_REFUSED = re.compile(r"\n\(vantric:\d+\): Gtk-CRITICAL .*: gtk_main_quit: assertion '.*' failed\n")
 
@@ -125,8 +128,8 @@ class Monitor:
         return self.status
 
     def complaints(self) -> str:
-        """All that it has written, but for what GTK says of a display without keyboard and pointer."""
-        text = self.stdout_path.read_text() + self.stderr_path.read_text(errors="replace")
+        """All that it has written, but for what GTK says of questions that came too late, and of a display without keyboard and pointer."""
+        text = _ASKED_WHEN_GONE.sub("", self.stdout_path.read_text() + self.stderr_path.read_text(errors="replace"))
         return _WITHOUT_SEAT.sub("", text) if isinstance(self.display, WestonDisplay) else text
 
     def assert_clean_end(self) -> None:
