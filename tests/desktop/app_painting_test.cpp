@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "app.h"
 #include "chart_font.h"
 #include "chart_look.h"
+#include "damage.h"
 #include "desktop/calls.h"
 #include "desktop/pictures.h"
 #include "desktop/screenshot.h"
@@ -557,6 +559,30 @@ TEST_F(TickOnScreen, BackdropsAreFewHoweverOftenTheSizeChanges)
         ASSERT_FALSE(app.m_title_backdrops.empty());
         ASSERT_LE(app.m_title_backdrops.size(), 8U);
     }
+}
+
+/// On Wayland the context is GTK's, which goes on with it.
+TEST_F(TickOnScreen, LeavesTheContextAsItWas)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    tick(app, 1);
+    ASSERT_TRUE(settle(app.m_window));
+    Picture picture(gtk_widget_get_allocated_width(app.m_window), gtk_widget_get_allocated_height(app.m_window), 1);
+    GdkRectangle title;
+    gtk_widget_get_allocation(gtk_widget_get_parent(app.m_clusters_ui[0].cores[0].pct_label), &title);
+    gdk_cairo_rectangle(picture.cr(), &title);
+    cairo_clip(picture.cr());
+    app.m_title_backdrops.clear();
+    const std::optional<Damage> damage = Damage::of(picture.cr());
+    ASSERT_TRUE(damage);
+    app.paint_window(picture.cr(), *damage);
+    ASSERT_THAT(app.m_title_backdrops, SizeIs(1)) << "it took the long way";
+    EXPECT_EQ(cairo_status(picture.cr()), CAIRO_STATUS_SUCCESS);
+    GdkRectangle clip;
+    ASSERT_TRUE(gdk_cairo_get_clip_rectangle(picture.cr(), &clip));
+    EXPECT_TRUE(gdk_rectangle_equal(&clip, &title));
 }
 
 /// The window as it is drawn for somebody who asks for it in double size, against the same by GTK alone.

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <map>
@@ -19,6 +20,7 @@
 #include "desktop/calls.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
+#include "session_bus.h"
 #include "signal_gate.h"
 
 using testing::Each;
@@ -755,6 +757,21 @@ TEST_F(AppTheme, BusThatHangsIsKeptFromAccessibilityAndFromNobodyElse)
     run_app(app, [] { EXPECT_EQ(g_getenv(NO_BRIDGE), nullptr); });  // else programs started by links would have it
     EXPECT_EQ(at_gtk_init, "1");
     EXPECT_TRUE(wait_until([&] { return was_cancelled.load(); }));
+}
+
+TEST_F(AppTheme, BusIsThereByItsAddressOrByItsSocket)
+{
+    const ScopedEnv no_address("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    {
+        const ScopedEnv no_folder("XDG_RUNTIME_DIR", std::nullopt);
+        EXPECT_FALSE(SessionBus::is_there());
+        const ScopedEnv address("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere");
+        EXPECT_TRUE(SessionBus::is_there());
+    }
+    const ScopedEnv folder("XDG_RUNTIME_DIR", home.path());
+    EXPECT_FALSE(SessionBus::is_there());
+    std::ofstream(home.path() + "/bus");
+    EXPECT_TRUE(SessionBus::is_there());
 }
 
 TEST_F(AppTheme, NobodyConnectsBeforeGtkWithoutAccessibilityOrWithoutBus)

@@ -109,6 +109,8 @@ def changes(source: str) -> list[str]:
     ("bool f() { return !a && true; }", ["negation: ! -> ", "result: !a && true -> {}", "logic: && -> ||", "word: true -> false"]),
     ("void f() { auto* x = g(); }", []),
     ("void f() { for (int i = 0; i != n; ++i) {} }", ["constant: 0 -> 1", "comparison: != -> ==", "step: ++ -> --"]),
+    ("void f() { if (a) { return; } }", ["condition: a -> !(a)"]),
+    ("void f() { if (const auto* a = g()) { return; } }", []),
     ("constexpr double HALF = 0.5;", ["constant: 0.5 -> (-0.5)", "constant: 0.5 -> 1.5"]),
     ("constexpr int MODE = 0600;", ["constant: 0600 -> 0577", "constant: 0600 -> 0601"]),
     ("std::vector<int*> f(T&& t);", []),

@@ -10,6 +10,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "counted_new.h"
@@ -337,6 +338,15 @@ TEST(Opacity, LineLiesOverTheArea)
     EXPECT_NEAR(both.at(25, 30), 255 * (1 - (1 - area) * (1 - 0.85 * 0.6)), 1);
 }
 
+TEST(Opacity, IsFromNoneToAllWhateverTheLookSays)
+{
+    const CurveLook less{.line_width = LINE_WIDTH, .line_alpha = -1.0, .fill_alpha_top = -1.0, .fill_alpha_bottom = -1.0};
+    EXPECT_TRUE(mask(flat(0.5), 40, 20, less).is_clear());
+    const CurveLook more{.line_width = LINE_WIDTH, .line_alpha = 2.0, .fill_alpha_top = 2.0, .fill_alpha_bottom = 2.0};
+    const CurveLook all{.line_width = LINE_WIDTH, .line_alpha = 1.0, .fill_alpha_top = 1.0, .fill_alpha_bottom = 1.0};
+    EXPECT_EQ(mask(flat(0.5), 40, 20, more), mask(flat(0.5), 40, 20, all));
+}
+
 TEST(Opacity, NothingIsSeenOfFewerThanTwoPoints)
 {
     EXPECT_TRUE(mask({}, 52, 60, BOTH).is_clear());
@@ -600,6 +610,26 @@ TEST(Paint, IsWhereTheChartIs)
     for (int y = 0; y < 60; ++y) {
         for (int x = 0; x < 52; ++x) {
             ASSERT_EQ(*image.at(x + 31, y + 17), *alone.at(x, y)) << x << "," << y;
+        }
+    }
+}
+
+/// Channels are worked on several at once; what stands in one must not change how another is rounded.
+TEST(Paint, RoundsEachChannelByItself)
+{
+    const cairo_rectangle_int_t chart{0, 0, 256, 64};
+    const CurveLook half{.line_width = LINE_WIDTH, .line_alpha = 0.0, .fill_alpha_top = 0.5, .fill_alpha_bottom = 0.5};
+    const int opacity = mask(flat(1.0), chart.width, chart.height, half).at(0, 0);
+    const int part = opacity + (opacity >> 7);  // of 256
+    std::mt19937 random(1);
+    std::vector<std::uint32_t> before(static_cast<std::size_t>(chart.width * chart.height));
+    std::generate(before.begin(), before.end(), [&] { return BLACK | static_cast<std::uint32_t>(random()); });
+    std::vector<std::uint32_t> pixels = before;
+    CurveCoverage().paint(flat(1.0), CAPACITY, half, {0.2, 0.4, 0.8}, canvas_of(pixels, chart, 1));
+    for (std::size_t i = 0; i < pixels.size(); ++i) {
+        for (const auto& [shift, color] : {std::pair(16U, 0x33), std::pair(8U, 0x66), std::pair(0U, 0xCC)}) {
+            const int old = static_cast<int>(before[i] >> shift & 0xFF);
+            ASSERT_EQ(((old << 8) + (color - old) * part + 128) >> 8, static_cast<int>(pixels[i] >> shift & 0xFF)) << i << ' ' << shift;
         }
     }
 }

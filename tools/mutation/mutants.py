@@ -240,6 +240,8 @@ def _negated(found: Source, index: int) -> Iterator[Change]:
     closing = found.partner[opening]
     semicolon = found.statement_end(opening + 1)
     first = semicolon + 1 if semicolon is not None and semicolon < closing else opening + 1
+    if found.text(first) in ("const", "auto"):  # it declares what it asks for
+        return
     condition = found.between(first, closing)
     yield "condition", found.tokens[first].start, found.tokens[closing].start, f"!({condition})"
 

@@ -111,8 +111,8 @@ class Tests:
 
     # --- what they reach ---
 
-    def find_reach(self, kinds: list[str], workers: int) -> None:
-        """Runs every test of these folders once on the traced program, but for those whose notes of an earlier time still hold."""
+    def find_reach(self, chosen: list[str], workers: int) -> None:
+        """Runs every test of these folders or files once on the traced program, but for those whose notes of an earlier time still hold."""
         variant = building.traced(self.build)
         self._in_library = self._places(variant.library)
         self._in_program = self._places(variant.program)
@@ -123,7 +123,7 @@ class Tests:
         python = sorted(str(path.relative_to(self.build.tree)) for path in (self.build.tree / PYTHON_TESTS).glob("test_*.py"))
         jobs = {name: _digest(self.build.plain / name) for name in self.build.test_programs()}
         jobs |= {name: _digest(self.build.tree / name) for name in python}
-        jobs = {name: digest for name, digest in jobs.items() if _kind(name) in kinds}
+        jobs = {name: digest for name, digest in jobs.items() if {_told_name(name), _told_name(name).partition("/")[0]} & set(chosen)}
         kept = self.build.folder / "reach"
         kept.mkdir(exist_ok=True)
         with ThreadPoolExecutor(workers) as pool:
@@ -303,9 +303,11 @@ def _as_lists(lines: Lines) -> dict[str, list[int]]:
     return {file: sorted(numbers) for file, numbers in lines.items()}
 
 
-def _kind(name: str) -> str:
-    """The folder of a test program or a Python file."""
-    return Path(name).parent.name or name.partition("_")[0]
+def _told_name(group: str) -> str:
+    """A test program or a Python file as people tell it: "unit/theme", "program/test_load"."""
+    if group.endswith(".py"):
+        return f"{Path(group).parent.name}/{Path(group).stem}"
+    return group.replace("_", "/", 1).removesuffix("_test")
 
 
 def _digest(*files: Path) -> str:
