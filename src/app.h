@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "card_backdrop.h"
 #include "chart_painter.h"
 #include "cpu_reader.h"
 #include "cpu_topology.h"
@@ -99,22 +100,6 @@ private:
         std::vector<CoreWidgets> cores;  ///< in the order of cpu_indices
     };
 
-    /// What lies under the labels of all cards of one size, painted once: rounded corners cost more than the rest of a card.
-    struct TitleBackdrop {
-        int card_width = 0;  ///< in units of the interface, of which each is `scale` by `scale` pixels
-        int card_height = 0;
-        GdkRectangle area{};  ///< the labels' row in the card, with whatever ink leaves it
-        int scale = 1;
-        GtkStateFlags state{};
-        bool is_opaque = false;             ///< a theme may let shine through what lies below the card
-        std::vector<std::uint32_t> pixels;  ///< ARGB32, row by row
-
-        /// Whether it is of the same card; the result of painting does not count.
-        bool operator==(const TitleBackdrop& other) const;
-        /// Fills `pixels` and `is_opaque` from what is painted there of a card that begins at 0, 0.
-        void paint(const std::function<void(cairo_t*)>& paint_card);
-    };
-
     /// The text that the info line shows, with all that it was chosen by: measuring texts is dear, and the choice seldom another.
     struct InfoChoice {
         std::vector<std::string> candidates;
@@ -176,8 +161,11 @@ private:
     bool is_readings_alone(const Damage& damage, const PixelCanvas& canvas);
     void paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidgets& core, const Damage& damage);
     /// Borrowed, until the next call.
-    const TitleBackdrop& title_backdrop(const CoreWidgets& core, int scale);
-    /// "style-updated" handler of the very first card, for all.
+    const CardBackdrop& title_backdrop(const CoreWidgets& core, const PixelCanvas& canvas);
+    const CardBackdrop& status_backdrop(const PixelCanvas& canvas);
+    GdkRectangle status_area() const;
+    void paint_status(cairo_t* cr, const PixelCanvas& canvas);
+    /// "style-updated" handler of the very first card, for all, and of the total panel.
     static void forget_title_backdrops(GtkWidget* card, gpointer data);
 
     // --- app_charts.cpp: painting; reads m_cache and takes no lock ---
@@ -357,7 +345,8 @@ private:
     std::vector<ClusterUI> m_clusters_ui;
     std::unique_ptr<SharedImage> m_screen_image;  ///< what stands on the screen; null until painted, and where memory can't be shared
     bool m_shares_memory = true;                  ///< until that was refused
-    std::vector<TitleBackdrop> m_title_backdrops;
+    CardBackdrops m_title_backdrops;              ///< of the cards
+    CardBackdrops m_status_backdrops;             ///< of the total panel
     ChartPainter m_chart_painter;
     Cache m_cache;
     InfoChoice m_info_choice;

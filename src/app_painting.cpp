@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr std::size_t MAX_TITLE_BACKDROPS = 8;  // cards of a window differ by a pixel; after that it is sizes that are no longer shown
-
 GdkRectangle allocation_of(GtkWidget* widget)
 {
     GtkAllocation allocation;
@@ -46,37 +44,10 @@ void draw_in_place(GtkWidget* label, cairo_t* cr)
     cairo_restore(cr);
 }
 
-/// Paints background and border of a widget of that size where GTK would: inside the margin.
-void render_box(GtkWidget* widget, cairo_t* cr, const GdkRectangle& place)
-{
-    GtkStyleContext* const style = gtk_widget_get_style_context(widget);
-    GtkBorder margin;
-    gtk_style_context_get_margin(style, gtk_style_context_get_state(style), &margin);
-    const int x = place.x + margin.left;
-    const int y = place.y + margin.top;
-    const int width = place.width - margin.left - margin.right;
-    const int height = place.height - margin.top - margin.bottom;
-    gtk_render_background(style, cr, x, y, width, height);
-    gtk_render_frame(style, cr, x, y, width, height);
-}
-
 /// The box with a card's name and percentage.
 GtkWidget* title_row_of(const auto& core)
 {
     return gtk_widget_get_parent(core.pct_label);
-}
-
-/// Copies those units of a backdrop that stands at `place`.
-void copy_pixels(const auto& backdrop, const GdkRectangle& place, const PixelCanvas& canvas, const GdkRectangle& part)
-{
-    const GdkRectangle pixels = canvas.pixels_of(part);
-    const int left = canvas.x + place.x * canvas.scale;
-    const int top = canvas.y + place.y * canvas.scale;
-    const auto stride = static_cast<std::ptrdiff_t>(place.width) * canvas.scale;
-    for (int y = pixels.y; y < pixels.y + pixels.height; ++y) {
-        std::copy_n(backdrop.pixels.data() + (y - top) * stride + (pixels.x - left), pixels.width, canvas.row(y) + pixels.x);
-    }
-    canvas.mark_dirty();
 }
 
 /// Sets a flag for the time of its life.
@@ -151,14 +122,18 @@ void App::paint_window(cairo_t* cr, const Damage& damage)
     }
     const GdkRectangle total = allocation_of(m_total_chart);
     const Damage rest = damage.without(allocation_of(m_core_grid)).without(total);
-    if (!rest.is_empty()) {
+    const bool is_status_alone = !rest.is_empty() && rest.area_within(status_area()) == rest.area() && status_backdrop(*canvas).is_opaque();
+    if (!rest.is_empty() && !is_status_alone) {
         cairo_save(cr);
         rest.clip(cr);
         gtk_widget_draw(m_window, cr);
         cairo_restore(cr);
     }
     cairo_save(cr);
-    cairo_reset_clip(cr);  // one of hundreds of rectangles would cost more than it saves; what is painted beside them is not put up
+    cairo_reset_clip(cr);  // one of hundreds of rectangles would cost more than it saves; what is painted beside them is right as well
+    if (is_status_alone) {
+        paint_status(cr, *canvas);
+    }
     if (damage.area_within(total) > 0) {
         m_chart_painter.paint(cr, *canvas, chart_of(m_total_chart, total), palette());
     }
@@ -185,8 +160,7 @@ bool App::is_readings_alone(const Damage& damage, const PixelCanvas& canvas)
         }
     }
     return readings > 0 && readings == damage.area_within(allocation_of(m_core_grid)) &&
-           std::all_of(titled.begin(), titled.end(),
-                       [&](const CoreWidgets* core) { return title_backdrop(*core, canvas.scale).is_opaque; });
+           std::all_of(titled.begin(), titled.end(), [&](const CoreWidgets* core) { return title_backdrop(*core, canvas).is_opaque(); });
 }
 
 void App::paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidgets& core, const Damage& damage)
@@ -202,7 +176,7 @@ void App::paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidge
         return;
     }
     const bool is_name_damaged = damaged > damage.area_within(percentage);
-    copy_pixels(title_backdrop(core, canvas.scale), title, canvas, is_name_damaged ? title : percentage);
+    title_backdrop(core, canvas).copy(canvas, title, is_name_damaged ? title : percentage);
     if (is_name_damaged) {
         draw_in_place(core.name_label, cr);
     }
@@ -210,61 +184,41 @@ void App::paint_readings(cairo_t* cr, const PixelCanvas& canvas, const CoreWidge
 }
 
 /// What lies under the labels of a card, the same for all cards of a size.
-const App::TitleBackdrop& App::title_backdrop(const CoreWidgets& core, int scale)
+const CardBackdrop& App::title_backdrop(const CoreWidgets& core, const PixelCanvas& canvas)
 {
-    GtkWidget* const row = title_row_of(core);
-    const GdkRectangle card = allocation_of(core.card);
-    const GdkRectangle title = clip_of(row);
-    const TitleBackdrop key{.card_width = card.width,
-                            .card_height = card.height,
-                            .area = {title.x - card.x, title.y - card.y, title.width, title.height},
-                            .scale = scale,
-                            .state = gtk_widget_get_state_flags(core.card),
-                            .is_opaque = false,
-                            .pixels = {}};
-    const auto known = std::find(m_title_backdrops.begin(), m_title_backdrops.end(), key);
-    if (known != m_title_backdrops.end()) {
-        return *known;
+    return m_title_backdrops.of(core.card, title_row_of(core), canvas.scale);
+}
+
+const CardBackdrop& App::status_backdrop(const PixelCanvas& canvas)
+{
+    return m_status_backdrops.of(m_total_panel, gtk_widget_get_parent(m_right_info_label), canvas.scale);
+}
+
+/// The part of the status row that its labels can take: on that side of the settings button.
+GdkRectangle App::status_area() const
+{
+    GdkRectangle area = clip_of(gtk_widget_get_parent(m_right_info_label));
+    const GdkRectangle gear = clip_of(widget_of(m_total_panel, "gear"));
+    const int end = area.x + area.width;
+    if (gtk_widget_get_direction(m_total_panel) == GTK_TEXT_DIR_RTL) {
+        area.width = gear.x - area.x;
+    } else {
+        area.x = gear.x + gear.width;
+        area.width = end - area.x;
     }
-    if (m_title_backdrops.size() == MAX_TITLE_BACKDROPS) {
-        m_title_backdrops.clear();
-    }
-    TitleBackdrop& backdrop = m_title_backdrops.emplace_back(key);
-    GdkRectangle row_place = allocation_of(row);
-    row_place.x -= card.x;
-    row_place.y -= card.y;
-    backdrop.paint([&](cairo_t* cr) {
-        render_box(core.card, cr, {0, 0, card.width, card.height});
-        render_box(row, cr, row_place);
-    });
-    return backdrop;
+    return area;
+}
+
+void App::paint_status(cairo_t* cr, const PixelCanvas& canvas)
+{
+    status_backdrop(canvas).copy(canvas, clip_of(gtk_widget_get_parent(m_right_info_label)), status_area());
+    draw_in_place(m_right_info_label, cr);
+    draw_in_place(m_throttle_label, cr);
 }
 
 void App::forget_title_backdrops(GtkWidget*, gpointer data)
 {
-    static_cast<App*>(data)->m_title_backdrops.clear();
-}
-
-bool App::TitleBackdrop::operator==(const TitleBackdrop& other) const
-{
-    return card_width == other.card_width && card_height == other.card_height && gdk_rectangle_equal(&area, &other.area) &&
-           scale == other.scale && state == other.state;
-}
-
-void App::TitleBackdrop::paint(const std::function<void(cairo_t*)>& paint_card)
-{
-    cairo_surface_t* const image = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, area.width * scale, area.height * scale);
-    cairo_surface_set_device_scale(image, scale, scale);
-    cairo_t* const cr = cairo_create(image);
-    cairo_translate(cr, -area.x, -area.y);
-    paint_card(cr);
-    if (const std::optional<PixelCanvas> canvas = PixelCanvas::of(cr)) {
-        for (int y = 0; y < canvas->clip.height; ++y) {
-            pixels.insert(pixels.end(), canvas->row(y), canvas->row(y) + canvas->clip.width);
-        }
-    }
-    cairo_destroy(cr);
-    cairo_surface_destroy(image);
-    constexpr std::uint32_t OPAQUE = 0xFF000000;
-    is_opaque = !pixels.empty() && std::all_of(pixels.begin(), pixels.end(), [](std::uint32_t p) { return (p & OPAQUE) == OPAQUE; });
+    App& app = *static_cast<App*>(data);
+    app.m_title_backdrops.clear();
+    app.m_status_backdrops.clear();
 }

@@ -1,11 +1,14 @@
 /// The way of the window onto the screen: painted in memory, and after a tick nothing of the cards but what the tick has changed. What comes
 /// of it has to be what GTK paints by itself.
+#include <sys/shm.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -89,6 +92,19 @@ void tick(App& app, int number)
     app.update();
 }
 
+/// A tick at which temperature, power and the throttle figure are others, and no load is.
+void tick_of_status(App& app, int number)
+{
+    const auto cpus = static_cast<std::size_t>(app.card_count());
+    SystemMetrics& metrics = *app.m_sys_metrics;
+    metrics.m_temperature = 95.0 + number;
+    metrics.m_power = 4.0 * number;
+    metrics.m_frequencies.assign(cpus, 2000.0);
+    metrics.m_max_frequencies.assign(cpus, 2000.0 + 200 * number);
+    app.m_cpu_reader->m_cores.assign(cpus, {.usage = 1.0, .history = {}});
+    app.update();
+}
+
 /// How often GTK has asked any widget to paint itself, from now on to the end of its life.
 class Draws {
 public:
@@ -120,9 +136,16 @@ struct SharedMemory {
         SharedMemory memory;
         std::ifstream maps("/proc/self/maps");
         for (std::string line; std::getline(maps, line);) {
-            const bool is_shared = line.find("/SYSV") != std::string::npos;
-            memory.pieces += is_shared ? 1 : 0;
-            memory.lasting += is_shared && !line.ends_with(" (deleted)") ? 1 : 0;
+            if (line.find("/SYSV") == std::string::npos) {
+                continue;
+            }
+            std::istringstream fields(line);
+            std::string skipped;
+            int id = -1;  // in the place of a file's inode
+            fields >> skipped >> skipped >> skipped >> skipped >> id;
+            shmid_ds state{};
+            ++memory.pieces;
+            memory.lasting += shmctl(id, IPC_STAT, &state) == 0 && (state.shm_perm.mode & SHM_DEST) != 0 ? 0 : 1;
         }
         return memory;
     }
@@ -148,6 +171,22 @@ int expect_ticks_as_by_gtk(App& app, int ticks = 3)
     EXPECT_LE(distance.largest, CURVES);
     EXPECT_LE(distance.mean, 0.2);
     return short_ways;
+}
+
+/// Whether a widget's place on the screen looks as GTK paints it.
+bool is_as_by_gtk(App& app, GtkWidget* widget)
+{
+    const Screenshot screen(app.m_window);
+    const Picture wanted = painted_by_gtk(app);
+    GtkAllocation place;
+    gtk_widget_get_clip(widget, &place);
+    bool is_alike = true;
+    for (int y = place.y; y < place.y + place.height; ++y) {
+        for (int x = place.x; x < place.x + place.width; ++x) {
+            is_alike = is_alike && is_about(screen.at(x, y), wanted.at(x, y), ROUNDING);
+        }
+    }
+    return is_alike;
 }
 
 class WindowOnScreen : public IdleAppTest {
@@ -374,6 +413,42 @@ TEST_F(WindowOnScreen, WaitsForTheServerToReadThePictureBefore)
     EXPECT_EQ(g_synchronisations, 1);
 }
 
+/// Texts that become longer, shorter and others of the same length.
+TEST_F(TickOnScreen, ShowsTheStatusAsGtkPaintsIt)
+{
+    for (const char* language : {"en", "ar"}) {
+        speak(language);
+        App::apply_text_direction();
+        IdleApp app({.clusters = {2}, .columns = 2});
+        apply(app, "dark");
+        ASSERT_TRUE(app.show());
+        for (const int number : {0, 1, 2, 9, 8, 3, 4, 0}) {
+            tick_of_status(app, number);
+            ASSERT_TRUE(settle(app.m_window));
+            EXPECT_TRUE(is_as_by_gtk(app, gtk_widget_get_parent(app.m_throttle_label))) << language << ' ' << number;
+            g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
+        }
+    }
+}
+
+/// It stands in the row as well, and the labels' backdrop must not hide it.
+TEST_F(TickOnScreen, LeavesADamagedButtonToGtk)
+{
+    for (const char* language : {"en", "ar"}) {
+        speak(language);
+        App::apply_text_direction();
+        IdleApp app({.clusters = {2}, .columns = 2});
+        apply(app, "light");
+        ASSERT_TRUE(app.show());
+        tick_of_status(app, 5);
+        ASSERT_TRUE(settle(app.m_window));
+        gtk_widget_queue_draw(widget_of(app.m_total_panel, "gear"));
+        tick_of_status(app, 6);
+        ASSERT_TRUE(settle(app.m_window));
+        EXPECT_TRUE(is_as_by_gtk(app, gtk_widget_get_parent(app.m_throttle_label))) << language;
+    }
+}
+
 TEST_F(TickOnScreen, NeedsNoWalkThroughTheWidgets)
 {
     IdleApp app(SMALL_CARDS);
@@ -383,8 +458,12 @@ TEST_F(TickOnScreen, NeedsNoWalkThroughTheWidgets)
         tick(app, i);
         ASSERT_TRUE(settle(app.m_window));
     }
+    tick_of_status(app, 5);
+    ASSERT_TRUE(settle(app.m_window));
     const Draws draws;
     tick(app, 20);
+    ASSERT_TRUE(settle(app.m_window));
+    tick_of_status(app, 6);
     ASSERT_TRUE(settle(app.m_window));
     EXPECT_EQ(draws.count(), 0);
 }
