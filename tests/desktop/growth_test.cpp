@@ -285,6 +285,9 @@ protected:
         come_to_rest();
     }
 
+    /// The percentages that labels keep shaped are those of the frames that were painted, and a busy computer paints fewer of them.
+    void forget_shaped_texts() { g_signal_emit_by_name(m_app->m_clusters_ui.front().cores.front().pct_label, "style-updated"); }
+
     // --- what is compared ---
 
     struct Measure {
@@ -297,6 +300,7 @@ protected:
     {
         Measure result;
         come_to_rest();
+        forget_shaped_texts();
         result.cost = cost_of_ticks();
         result.heap = heap_in_use();
         come_to_rest();
