@@ -6,6 +6,7 @@
 #include "layout_boundary.h"
 #include "spoken_widgets.h"
 #include "tick_label.h"
+#include "tooltip_label.h"
 #include "widget_building.h"
 
 namespace {
@@ -16,10 +17,12 @@ constexpr int COLOR_BAR_WIDTH = 3;
 constexpr int COLOR_BAR_HEIGHT = 14;
 constexpr int STATUS_LABEL_PADDING = 4;
 
-GtkWidget* create_markup_label(double xalign, const char* css_class)
+/// Makes an empty label one of the status row's.
+GtkWidget* as_readout(GtkWidget* label, double xalign, const char* css_class)
 {
-    GtkWidget* label = create_label("", xalign, css_class);
     gtk_label_set_use_markup(GTK_LABEL(label), TRUE);
+    gtk_label_set_xalign(GTK_LABEL(label), static_cast<float>(xalign));
+    add_class(label, css_class);
     return label;
 }
 
@@ -186,9 +189,9 @@ GtkWidget* App::create_status_row(GtkWidget* panel)
     pack_start(row, gear, Fill::NO);
     g_object_set_data(G_OBJECT(panel), "gear", gear);
 
-    m_right_info_label = create_markup_label(0.0, "info-line");
+    m_right_info_label = as_readout(gtk_label_new(""), 0.0, "info-line");
     pack_start(row, m_right_info_label, Fill::NO, STATUS_LABEL_PADDING);
-    m_throttle_label = create_markup_label(1.0, "throttle-label");
+    m_throttle_label = as_readout(tooltip_label_new(), 1.0, "throttle-label");
     pack_end(row, m_throttle_label, STATUS_LABEL_PADDING);
     make_layout_boundary(row);
     return row;

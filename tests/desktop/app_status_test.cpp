@@ -27,8 +27,15 @@ struct LockWatch {
 
 LockWatch g_lock_watch;
 int g_measured_texts = 0;
+int g_searches_for_the_pointer = 0;  // by anybody
 
 }  // namespace
+
+extern "C" GdkWindow* gdk_device_get_window_at_position(GdkDevice* device, gint* x, gint* y)
+{
+    ++g_searches_for_the_pointer;
+    return next<GdkWindow*(GdkDevice*, gint*, gint*)>("gdk_device_get_window_at_position")(device, x, y);
+}
 
 extern "C" PangoLayout* gtk_widget_create_pango_layout(GtkWidget* widget, const gchar* text)
 {
@@ -486,6 +493,33 @@ TEST_F(ThrottleLabel, FollowsTheTick)
     metrics.m_frequencies.clear();
     app.update();
     EXPECT_EQ(text_of(app.m_throttle_label), "");
+}
+
+/// GTK looks for the pointer by way of the X server, which it keeps others off meanwhile.
+TEST_F(ThrottleLabel, LooksForThePointerOnlyIfItsTooltipWasSeen)
+{
+    ASSERT_TRUE(app.show());
+    GtkWidget* const label = app.m_throttle_label;
+    const auto searches_after = [label](const char* text) {
+        g_searches_for_the_pointer = 0;
+        gtk_widget_set_tooltip_text(label, text);
+        EXPECT_TRUE(settle(gtk_widget_get_toplevel(label)));
+        iterate_until([] { return g_main_context_pending(nullptr) == FALSE; });
+        return g_searches_for_the_pointer;
+    };
+    EXPECT_EQ(searches_after("50°C / 95°C"), 0);
+    EXPECT_EQ(searches_after("51°C / 95°C"), 0);
+    const auto tooltip = GTK_TOOLTIP(g_object_new(GTK_TYPE_TOOLTIP, nullptr));
+    gboolean has_text = FALSE;
+    g_signal_emit_by_name(label, "query-tooltip", 0, 0, FALSE, tooltip, &has_text);
+    EXPECT_TRUE(has_text);
+    EXPECT_EQ(searches_after("52°C / 95°C"), 1);
+    EXPECT_EQ(searches_after("53°C / 95°C"), 0) << "the pointer is elsewhere";
+    EXPECT_EQ(searches_after(nullptr), 0);
+    EXPECT_FALSE(gtk_widget_get_has_tooltip(label));
+    g_signal_emit_by_name(label, "query-tooltip", 0, 0, FALSE, tooltip, &has_text);
+    EXPECT_FALSE(has_text);
+    g_object_unref(tooltip);
 }
 
 TEST_F(ThrottleLabel, SpeaksGerman)
