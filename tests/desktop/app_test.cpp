@@ -988,8 +988,8 @@ TEST_F(Ending, LeavesNoHandlerInTheWindowsThatOutliveIt)
     App::on_settings_clicked(nullptr, app.get());
     GtkWidget* const dialog = app->m_settings_popover;
     void* const gone = app.get();
-    EXPECT_EQ(callers(window, gone), 1 + 3 + 2 + 2 + 2)
-        << "window, first card with its title, info line, charts, colour bars, total chart and gear";
+    EXPECT_EQ(callers(window, gone), 1 + 1 + 3 + 2 + 2 + 2)
+        << "window, total panel, first card with its title, info line, charts, colour bars, total chart and gear";
     EXPECT_GE(callers(dialog, gone), 3 + 3 + 1) << "choices, buttons and colours";
     app.reset();
     EXPECT_EQ(callers(window, gone), 0);
