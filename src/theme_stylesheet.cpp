@@ -136,7 +136,8 @@ std::string build_css(const Settings& settings, const Palette& palette)
 {
     const CssValues values = css_values(settings, palette);
     std::string css;
-    read_template([&](std::string_view text) { css += text; }, [&](std::string_view name) { css += values.*find_name(name)->value; });
+    read_template([&](std::string_view text) { css += text; },
+                  [&](std::string_view name) { css += (values.*find_name(name)->value).c_str(); });  // up to a zero byte
     css.resize(std::min(css.size(), MAX_CSS_SIZE));  // only what is no colour can be so long
     return css;
 }

@@ -14,16 +14,16 @@ struct TooltipLabelClass {
     GtkLabelClass parent;
 };
 
-GtkWidgetClass* g_plain_label = nullptr;  // what GtkLabel does
+GtkWidgetClass* g_label_class = nullptr;  // what GtkLabel does
 
-TooltipLabel& self(gpointer object)
+TooltipLabel& tooltip_label(gpointer object)
 {
     return *static_cast<TooltipLabel*>(object);
 }
 
 void set_property(GObject* object, guint, const GValue* value, GParamSpec*)
 {
-    TooltipLabel& label = self(object);
+    TooltipLabel& label = tooltip_label(object);
     const char* const text = g_value_get_string(value);
     g_free(label.text);
     label.text = text != nullptr && *text != '\0' ? g_strdup(text) : nullptr;
@@ -36,12 +36,12 @@ void set_property(GObject* object, guint, const GValue* value, GParamSpec*)
 
 void get_property(GObject* object, guint, GValue* value, GParamSpec*)
 {
-    g_value_set_string(value, self(object).text);
+    g_value_set_string(value, tooltip_label(object).text);
 }
 
 gboolean query_tooltip(GtkWidget* widget, gint, gint, gboolean, GtkTooltip* tooltip)
 {
-    TooltipLabel& label = self(widget);
+    TooltipLabel& label = tooltip_label(widget);
     if (label.text == nullptr) {
         return FALSE;
     }
@@ -50,33 +50,34 @@ gboolean query_tooltip(GtkWidget* widget, gint, gint, gboolean, GtkTooltip* tool
     return TRUE;
 }
 
-void finalize(GObject* object)
+void finalize_tooltip_label(GObject* object)
 {
-    g_free(self(object).text);
-    G_OBJECT_CLASS(g_plain_label)->finalize(object);
+    g_free(tooltip_label(object).text);
+    G_OBJECT_CLASS(g_label_class)->finalize(object);
 }
 
-void init_class(gpointer type, gpointer)
+void init_tooltip_label_class(gpointer type, gpointer)
 {
-    g_plain_label = GTK_WIDGET_CLASS(g_type_class_peek_parent(type));
+    g_label_class = GTK_WIDGET_CLASS(g_type_class_peek_parent(type));
     GObjectClass* const object = G_OBJECT_CLASS(type);
     object->set_property = set_property;
     object->get_property = get_property;
-    object->finalize = finalize;
+    object->finalize = finalize_tooltip_label;
     g_object_class_override_property(object, TOOLTIP_TEXT, "tooltip-text");
     GTK_WIDGET_CLASS(type)->query_tooltip = query_tooltip;
 }
 
-void init(GTypeInstance* label, gpointer)
+void init_tooltip_label(GTypeInstance* label, gpointer)
 {
-    self(label).text = nullptr;
-    self(label).is_seen = false;
+    tooltip_label(label).text = nullptr;
+    tooltip_label(label).is_seen = false;
 }
 
 GType tooltip_label_type()
 {
-    static const GType TYPE = g_type_register_static_simple(GTK_TYPE_LABEL, "VantricTooltipLabel", sizeof(TooltipLabelClass), init_class,
-                                                            sizeof(TooltipLabel), init, GTypeFlags{});
+    static const GType TYPE =
+        g_type_register_static_simple(GTK_TYPE_LABEL, "VantricTooltipLabel", sizeof(TooltipLabelClass), init_tooltip_label_class,
+                                      sizeof(TooltipLabel), init_tooltip_label, GTypeFlags{});
     return TYPE;
 }
 

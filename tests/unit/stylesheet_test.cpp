@@ -251,6 +251,14 @@ TEST_F(Stylesheet, TextThatIsNoColorGoesInAsItStandsAndUnmixed)
     }
 }
 
+TEST_F(Stylesheet, ValueEndsAtItsFirstZeroByte)
+{
+    settings.text_light = std::string("blue\0; } * {", 12);
+    Look look = LIGHT;
+    look.text = look.dim = look.soft = "blue";
+    EXPECT_EQ(squeezed(css()), text_for(look));
+}
+
 TEST_F(Stylesheet, PanelThatIsNoColorLeavesTheTextUndimmedAndTheWellAsItIs)
 {
     settings.panel_light = "no colour";
