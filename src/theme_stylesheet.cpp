@@ -136,8 +136,11 @@ std::string build_css(const Settings& settings, const Palette& palette)
 {
     const CssValues values = css_values(settings, palette);
     std::string css;
-    read_template([&](std::string_view text) { css += text; },
-                  [&](std::string_view name) { css += (values.*find_name(name)->value).c_str(); });  // up to a zero byte
+    const auto append_value = [&](std::string_view name) {
+        const std::string& value = values.*find_name(name)->value;
+        css.append(value, 0, value.find('\0'));
+    };
+    read_template([&](std::string_view text) { css += text; }, append_value);
     css.resize(std::min(css.size(), MAX_CSS_SIZE));  // only what is no colour can be so long
     return css;
 }

@@ -26,10 +26,12 @@ namespace {
 int g_synchronisations = 0;  // by the program itself
 }
 
-extern "C" int XSync(void* display, int discard)
+struct _XDisplay;
+
+extern "C" int XSync(_XDisplay* display, int discard)
 {
     g_synchronisations += is_own_code(__builtin_return_address(0)) ? 1 : 0;
-    return next<int(void*, int)>("XSync")(display, discard);
+    return next<int(_XDisplay*, int)>("XSync")(display, discard);
 }
 
 using testing::IsEmpty;
