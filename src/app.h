@@ -107,7 +107,7 @@ private:
         guint font = 0;  ///< serial number of the font, its size and its resolution
         std::string text;
 
-        bool is_among(const std::vector<std::string>& texts, int room, guint serial) const
+        bool was_made_of(const std::vector<std::string>& texts, int room, guint serial) const
         {
             return candidates == texts && width == room && font == serial;
         }
@@ -166,7 +166,7 @@ private:
     GdkRectangle status_area() const;
     void paint_status(cairo_t* cr, const PixelCanvas& canvas);
     /// "style-updated" handler of the very first card, for all, and of the total panel.
-    static void forget_title_backdrops(GtkWidget* card, gpointer data);
+    static void forget_backdrops(GtkWidget* card, gpointer data);
 
     // --- app_charts.cpp: painting; reads m_cache and takes no lock ---
 

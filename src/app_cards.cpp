@@ -161,7 +161,7 @@ GtkWidget* App::create_total_panel(GtkWidget* extra)
     GtkWidget* panel = gtk_box_new(GTK_ORIENTATION_VERTICAL, 3);
     add_class(panel, "total-card");
     gtk_widget_set_hexpand(panel, TRUE);
-    m_handlers.connect(panel, "style-updated", G_CALLBACK(forget_title_backdrops));
+    m_handlers.connect(panel, "style-updated", G_CALLBACK(forget_backdrops));
     if (extra != nullptr) {
         pack_start(panel, extra, Fill::NO);
     }

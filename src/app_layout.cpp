@@ -159,7 +159,7 @@ void App::create_sections()
             g_object_ref_sink(card);
             if (card_count() == 0) {
                 m_handlers.connect(widget_of(card, "name_label"), "style-updated", G_CALLBACK(on_font_changed));
-                m_handlers.connect(card, "style-updated", G_CALLBACK(forget_title_backdrops));
+                m_handlers.connect(card, "style-updated", G_CALLBACK(forget_backdrops));
             }
             ui.cores.push_back({.card = card,
                                 .chart = widget_of(card, "chart"),

@@ -216,7 +216,7 @@ void App::paint_status(cairo_t* cr, const PixelCanvas& canvas)
     draw_in_place(m_throttle_label, cr);
 }
 
-void App::forget_title_backdrops(GtkWidget*, gpointer data)
+void App::forget_backdrops(GtkWidget*, gpointer data)
 {
     App& app = *static_cast<App*>(data);
     app.m_title_backdrops.clear();

@@ -161,7 +161,7 @@ void App::update_info_line()
     const auto candidates = info_candidates(counts, memory_text(m_cache.mem_used_gb, m_cache.mem_total_gb));
     const int width = info_line_width();
     const guint font = pango_context_get_serial(gtk_widget_get_pango_context(m_info_label));
-    if (!m_info_choice.is_among(candidates, width, font)) {
+    if (!m_info_choice.was_made_of(candidates, width, font)) {
         m_info_choice = {candidates, width, font, longest_fitting(candidates, width)};
     }
     set_text(m_info_label, m_info_choice.text.c_str());

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -209,6 +210,25 @@ protected:
         apply(app, theme);
         ASSERT_TRUE(app.show());
         EXPECT_EQ(expect_ticks_as_by_gtk(app), 3);
+    }
+
+    /// Shows those ticks of the status, in both directions of writing; `prepare` comes before each.
+    static void expect_status_as_by_gtk(const char* theme, const std::vector<int>& numbers, const std::function<void(App&)>& prepare)
+    {
+        for (const char* language : {"en", "ar"}) {
+            speak(language);
+            App::apply_text_direction();
+            IdleApp app({.clusters = {2}, .columns = 2});
+            apply(app, theme);
+            ASSERT_TRUE(app.show());
+            for (const int number : numbers) {
+                prepare(app);
+                tick_of_status(app, number);
+                ASSERT_TRUE(settle(app.m_window));
+                EXPECT_TRUE(is_as_by_gtk(app, gtk_widget_get_parent(app.m_throttle_label))) << language << ' ' << number;
+                g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
+            }
+        }
     }
 };
 
@@ -418,37 +438,13 @@ TEST_F(WindowOnScreen, WaitsForTheServerToReadThePictureBefore)
 /// Texts that become longer, shorter and others of the same length.
 TEST_F(TickOnScreen, ShowsTheStatusAsGtkPaintsIt)
 {
-    for (const char* language : {"en", "ar"}) {
-        speak(language);
-        App::apply_text_direction();
-        IdleApp app({.clusters = {2}, .columns = 2});
-        apply(app, "dark");
-        ASSERT_TRUE(app.show());
-        for (const int number : {0, 1, 2, 9, 8, 3, 4, 0}) {
-            tick_of_status(app, number);
-            ASSERT_TRUE(settle(app.m_window));
-            EXPECT_TRUE(is_as_by_gtk(app, gtk_widget_get_parent(app.m_throttle_label))) << language << ' ' << number;
-            g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
-        }
-    }
+    expect_status_as_by_gtk("dark", {0, 1, 2, 9, 8, 3, 4, 0}, [](App&) {});
 }
 
 /// It stands in the row as well, and the labels' backdrop must not hide it.
 TEST_F(TickOnScreen, LeavesADamagedButtonToGtk)
 {
-    for (const char* language : {"en", "ar"}) {
-        speak(language);
-        App::apply_text_direction();
-        IdleApp app({.clusters = {2}, .columns = 2});
-        apply(app, "light");
-        ASSERT_TRUE(app.show());
-        tick_of_status(app, 5);
-        ASSERT_TRUE(settle(app.m_window));
-        gtk_widget_queue_draw(widget_of(app.m_total_panel, "gear"));
-        tick_of_status(app, 6);
-        ASSERT_TRUE(settle(app.m_window));
-        EXPECT_TRUE(is_as_by_gtk(app, gtk_widget_get_parent(app.m_throttle_label))) << language;
-    }
+    expect_status_as_by_gtk("light", {5, 6}, [](App& app) { gtk_widget_queue_draw(widget_of(app.m_total_panel, "gear")); });
 }
 
 TEST_F(TickOnScreen, NeedsNoWalkThroughTheWidgets)
