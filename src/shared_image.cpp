@@ -20,29 +20,10 @@ constexpr gint64 SOON_US = 250'000;  // a server that has not read a picture aft
 
 /// The functions of Xlib and of its extension. GTK brings both libraries where it has a use for them, so the program asks for none of them
 /// by itself, and runs without.
-struct Xlib {
-    template <typename Function>
-    static void find(Function& function, const char* name)
-    {
-        function = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, name));
-    }
-
-    Xlib()
-    {
-        find(query_extension, "XShmQueryExtension");
-        find(create_image, "XShmCreateImage");
-        find(attach, "XShmAttach");
-        find(detach, "XShmDetach");
-        find(put_image, "XShmPutImage");
-        find(create_gc, "XCreateGC");
-        find(free_gc, "XFreeGC");
-        find(sync, "XSync");
-    }
-    bool is_there() const
-    {
-        return query_extension != nullptr && create_image != nullptr && attach != nullptr && detach != nullptr && put_image != nullptr &&
-               create_gc != nullptr && free_gc != nullptr && sync != nullptr;
-    }
+class Xlib {
+public:
+    /// Whether all of them were found; otherwise none may be called.
+    bool is_there() const { return has_all; }
 
     decltype(&XShmQueryExtension) query_extension = nullptr;
     decltype(&XShmCreateImage) create_image = nullptr;
@@ -52,6 +33,18 @@ struct Xlib {
     decltype(&XCreateGC) create_gc = nullptr;
     decltype(&XFreeGC) free_gc = nullptr;
     decltype(&XSync) sync = nullptr;
+
+private:
+    template <typename Function>
+    static bool find(Function& function, const char* name)
+    {
+        function = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, name));
+        return function != nullptr;
+    }
+
+    bool has_all = find(query_extension, "XShmQueryExtension") && find(create_image, "XShmCreateImage") && find(attach, "XShmAttach") &&
+                   find(detach, "XShmDetach") && find(put_image, "XShmPutImage") && find(create_gc, "XCreateGC") &&
+                   find(free_gc, "XFreeGC") && find(sync, "XSync");
 };
 
 const Xlib& xlib()
