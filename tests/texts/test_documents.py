@@ -187,6 +187,41 @@ def test_controls_go_by_the_names_that_they_have() -> None:
     assert {"−", "+"} <= set(fixed_texts())
 
 
+# --- what was measured ---
+
+#: How the reason begins why a line is not kept. Where it names numbers of CPUs, it is the reason for these alone.
+REASONS = {
+    "CPU, of gkrellm's": "CPU.* moving",
+    "CPU in one column, of that in several": "CPU in one column",
+    "CPU on an idle machine, of gkrellm's on a busy one": "CPU.* idle",
+    "CPU of a minimised window beside its reading, of a seen one's": "CPU.* minimised",
+    "start, of gkrellm's": "Start",
+    "CPU time of a start, of gkrellm's": "Start.* CPU time",
+    "private memory, of the empty window's": "Private memory",
+    "wake-ups a second": "Wake-ups",
+    "system calls a second": "System calls",
+}
+
+
+def lines_to_keep_to() -> list[tuple[str, str, str]]:
+    """Their names, for how many CPUs, and whether they were kept."""
+    table = (ROOT / "docs/performance.md").read_text().partition("### Lines to keep to\n")[2].partition("<!--")[0]
+    return re.findall(r"^\| (\w[^|]*) \| (\d+) \| [\d.]+ \| [\d.]+ \| (yes|no) \|", table, re.MULTILINE)
+
+
+def test_each_line_that_is_not_kept_has_its_reason() -> None:
+    lines = lines_to_keep_to()
+    assert {name for name, _, _ in lines} == set(REASONS)
+    told = (ROOT / "docs/performance.md").read_text().partition("## Which lines are not kept, and why\n")[2].partition("\n## ")[0]
+    beginnings = re.findall(r"^- \*\*(.*?)\.\*\*", told, re.MULTILINE)
+
+    def has_reason(name: str, cpus: str) -> bool:
+        fitting = [beginning for beginning in beginnings if re.match(REASONS[name], beginning)]
+        return any(cpus in re.findall(r"\d+", beginning) or not re.search(r"\d", beginning) for beginning in fitting)
+
+    assert [f"{name}, {cpus} CPUs" for name, cpus, kept in lines if kept == "no" and not has_reason(name, cpus)] == []
+
+
 # --- what is not decided ---
 
 def test_placeholders_are_named_where_they_stand() -> None:
