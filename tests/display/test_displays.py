@@ -477,11 +477,22 @@ def test_discovery_runs_the_program_itself_and_without_display() -> None:
 
 
 def start_and_read_line(*arguments: str | Path) -> tuple[subprocess.Popen[str], str]:
-    """Starts on-display and waits for the first line of its program."""
+    """Starts on-display and waits for the first line of its program. Fails without one: what tests then end and remove by that name
+    would not be the display's."""
     launcher = subprocess.Popen([ON_DISPLAY, *map(str, arguments)], text=True,
                                 stdout=subprocess.PIPE, start_new_session=True)
     assert launcher.stdout is not None
-    return launcher, launcher.stdout.readline().strip()
+    line = launcher.stdout.readline().strip()
+    if not line:
+        launcher.kill()
+        launcher.wait()
+        pytest.fail("on-display has ended without a line of its program")
+    return launcher, line
+
+
+def test_display_without_a_line_fails_the_test_at_once() -> None:
+    with pytest.raises(pytest.fail.Exception, match="without a line"):
+        start_and_read_line("--wm", "none", "--", "true")
 
 
 @pytest.mark.parametrize("name", ["TERM", "INT"])
