@@ -191,6 +191,14 @@ def test_unset_values_are_those_of_the_program_everywhere(tmp_path: Path) -> Non
     assert b"VANTRIC_" not in configured_definitions(tree / "build/release")
 
 
+def test_the_program_and_its_texts_take_them_from_one_place() -> None:
+    # So that the dialog, the crash report and the installed texts follow what is set
+    domain = default("VANTRIC_CONTACT_ADDRESS").partition("@")[2]
+    assert domain in default("VANTRIC_WEB_SITE") and domain in default("VANTRIC_CRASH_MAILBOX")
+    files = [file for folder in ("src", "data") for file in (ROOT / folder).rglob("*") if file.is_file()]
+    assert [file.name for file in files if domain.encode() in file.read_bytes()] == ["build_config.h"]
+
+
 @pytest.mark.parametrize("file, name, pattern", [
     ("snap/snapcraft.yaml", "VANTRIC_WEB_SITE", r"^website: (.*)$"),
     ("snap/snapcraft.yaml", "VANTRIC_CONTACT_ADDRESS", r"^contact: (.*)$"),
