@@ -13,7 +13,8 @@ import threading
 import time
 from pathlib import Path
 
-AHEAD = 1024  # numbers; a hundred times what a busy machine hands out between two looks
+AHEAD = 256  # numbers; more than a busy machine hands out between two looks, and if it was more they are made up for
+MOST_MISSED = 10_000  # numbers; with more between two looks they have come round, or nobody has looked for long
 LOOK_SECONDS = 0.1
 CLEAN_SECONDS = 10.0
 FIRST_AFTER_WRAP = 300  # the kernel keeps the numbers below for its start
@@ -43,11 +44,12 @@ class ProcessLinks:
         self._thread.join()
 
     def look(self, last: int) -> None:
-        """Makes the links ahead of the last number given."""
+        """Makes the links ahead of the last number given, and those to all that have been given since the last look."""
         if last == self._last:
             return
+        first = self._last if 0 < last - self._last < MOST_MISSED else last
         self._last = last
-        for number in range(last, last + AHEAD):
+        for number in range(first, last + AHEAD):
             self._link(self._wrapped(number))
 
     def clean(self, last: int) -> None:
