@@ -342,11 +342,16 @@ def named(root: Node, role: str, name: str) -> Node:
 
 
 def while_it_changes(look: Callable[[], T]) -> Callable[[], T | None]:
-    """A look at widgets that may be replaced at any moment; None when it happens while looking."""
+    """A look at widgets that may be replaced at any moment; None when it happens while looking, which a test that fails tells."""
+    last = ""
+
     def look_again() -> T | None:
+        nonlocal last
         try:
             return look()
-        except (GLib.Error, ValueError, IndexError, StopIteration):  # one is gone already, or not yet there
+        except (GLib.Error, ValueError, IndexError, StopIteration) as error:  # one is gone already, or not yet there
+            if last != (last := repr(error)):
+                print(f"meanwhile: {last}")
             return None
     return look_again
 
