@@ -49,7 +49,7 @@ void App::create_window()
     gdk_event_handler_set(handle_event, this, nullptr);
     m_handlers.connect(m_window, "size-allocate", G_CALLBACK(on_win_size_alloc));
     build_layout();
-    queue_window_icon();
+    set_window_icon();
 }
 
 void App::initial_window_size(const WindowGeometry& stored, int& width, int& height) const

@@ -3,8 +3,6 @@
 
 namespace {
 
-constexpr const char* NAME = "vantric";
-constexpr const char* INSTALLED_FILE = "/hicolor/scalable/apps/vantric.svg";
 constexpr double DRAWING_SIZE = 128.0;  // what the measures below refer to, as in data/icons/vantric.svg
 constexpr int SIZES[] = {16, 32, 48};   // pixels
 constexpr double QUARTER_TURN = 1.5707963267948966;
@@ -65,51 +63,14 @@ GdkPixbuf* painted(int size)
     return pixbuf;
 }
 
-/// Whether the icon theme has another picture than the one that is painted here and that an installation brings along: to read that file
-/// GTK would load a library of 10 MB.
-bool has_theme_its_own()
-{
-    GtkIconInfo* icon = gtk_icon_theme_lookup_icon(gtk_icon_theme_get_default(), NAME, SIZES[0], GtkIconLookupFlags{});
-    if (icon == nullptr) {
-        return false;
-    }
-    const gchar* const file = gtk_icon_info_get_filename(icon);
-    const bool is_ours = file != nullptr && g_str_has_suffix(file, INSTALLED_FILE);
-    g_object_unref(icon);
-    return !is_ours;
-}
+}  // namespace
 
-/// A window that is on the screen already does not take a default that comes later.
-void for_each_window(void (*give)(GtkWindow* window, gpointer icon), gpointer icon)
+void set_window_icon()
 {
-    GList* windows = gtk_window_list_toplevels();
-    for (GList* item = windows; item != nullptr; item = item->next) {
-        give(GTK_WINDOW(item->data), icon);
-    }
-    g_list_free(windows);
-}
-
-gboolean set_window_icon(gpointer)
-{
-    if (has_theme_its_own()) {
-        gtk_window_set_default_icon_name(NAME);
-        for_each_window([](GtkWindow* window, gpointer) { gtk_window_set_icon_name(window, NAME); }, nullptr);
-        return G_SOURCE_REMOVE;
-    }
     GList* pictures = nullptr;
     for (const int size : SIZES) {
         pictures = g_list_append(pictures, painted(size));
     }
     gtk_window_set_default_icon_list(pictures);
-    const auto give = [](GtkWindow* window, gpointer list) { gtk_window_set_icon_list(window, static_cast<GList*>(list)); };
-    for_each_window(give, pictures);
     g_list_free_full(pictures, g_object_unref);
-    return G_SOURCE_REMOVE;
-}
-
-}  // namespace
-
-void queue_window_icon()
-{
-    g_idle_add_full(G_PRIORITY_LOW, set_window_icon, nullptr, nullptr);
 }

@@ -3,6 +3,6 @@
 
 #include <gtk/gtk.h>
 
-/// Gives it to all windows once the main loop has nothing else to do: reading the icon theme takes longer than showing the window. It is
-/// the icon theme's, or, where the theme has none but what an installation brings along, the same picture painted here.
-void queue_window_icon();
+/// Gives it to all windows that are not on the screen yet. It is painted here, whatever the icon theme has: to read a theme takes a tenth of
+/// the program's start, and desktops show the theme's by themselves, as the desktop entry names it.
+void set_window_icon();
