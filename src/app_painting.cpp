@@ -79,16 +79,15 @@ bool App::paint_exposed(const GdkEventExpose& event)
     if (m_window == nullptr || event.window != gtk_widget_get_window(m_window)) {
         return false;
     }
-    Damage damage = Damage::of(event.region);
     if (!m_screen_image || !m_screen_image->fits(event.window)) {
         m_screen_image.reset();  // before the other one is made, so that there are never two
         m_screen_image = m_shares_memory ? SharedImage::of(event.window) : nullptr;
         m_shares_memory = m_screen_image != nullptr;
-        damage = Damage::of({0, 0, gdk_window_get_width(event.window), gdk_window_get_height(event.window)});
     }
     if (!m_screen_image) {
         return false;
     }
+    const Damage damage = m_screen_image->take_damage();
     cairo_t* const cr = m_screen_image->begin();
     damage.clip(cr);
     paint_window(cr, damage);

@@ -46,6 +46,11 @@ Damage Damage::of(const cairo_region_t* region)
     return damage;
 }
 
+Damage Damage::of(const std::vector<GdkRectangle>& parts)
+{
+    return of(region_of(parts).get());
+}
+
 Damage Damage::of(const GdkRectangle& whole)
 {
     Damage damage;
@@ -86,18 +91,18 @@ GdkRectangle Damage::bounds() const
 
 void Damage::clip(cairo_t* cr) const
 {
-    gdk_cairo_region(cr, region().get());
+    gdk_cairo_region(cr, region_of(m_parts).get());
     cairo_clip(cr);
 }
 
 Damage Damage::without(const GdkRectangle& place) const
 {
-    const Region rest = region();
+    const Region rest = region_of(m_parts);
     cairo_region_subtract_rectangle(rest.get(), &place);
     return of(rest.get());
 }
 
-Damage::Region Damage::region() const
+Damage::Region Damage::region_of(const std::vector<GdkRectangle>& parts)
 {
-    return {cairo_region_create_rectangles(m_parts.data(), static_cast<int>(m_parts.size())), cairo_region_destroy};
+    return {cairo_region_create_rectangles(parts.data(), static_cast<int>(parts.size())), cairo_region_destroy};
 }

@@ -16,9 +16,12 @@ public:
     /// What the context's clip lets through; empty if that is not made of rectangles of whole units.
     static std::optional<Damage> of(cairo_t* cr);
     static Damage of(const cairo_region_t* region);
+    /// Of rectangles that may overlap.
+    static Damage of(const std::vector<GdkRectangle>& parts);
     static Damage of(const GdkRectangle& whole);
 
     bool is_empty() const { return m_parts.empty(); }
+    const std::vector<GdkRectangle>& parts() const { return m_parts; }
     Area area() const;
     /// How much of it lies in a rectangle.
     Area area_within(const GdkRectangle& place) const;
@@ -31,7 +34,7 @@ public:
 
 private:
     using Region = std::unique_ptr<cairo_region_t, void (*)(cairo_region_t*)>;
-    Region region() const;
+    static Region region_of(const std::vector<GdkRectangle>& parts);
 
     std::vector<GdkRectangle> m_parts;  ///< in bands from the top down, as regions keep them
 };

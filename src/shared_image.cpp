@@ -12,7 +12,10 @@
 
 #include <bit>
 #include <cstdint>
+#include <optional>
 #include <utility>
+
+#include "invalidations.h"
 
 namespace {
 
@@ -78,6 +81,7 @@ struct SharedImage::Memory {
     cairo_font_options_t* font_options = nullptr;
     unsigned long last_put = 0;  ///< number of the request
     gint64 last_put_us = 0;
+    std::optional<Invalidations> invalidations;
 
     Memory() { segment.shmid = -1; }
     ~Memory();
@@ -178,6 +182,7 @@ std::unique_ptr<SharedImage> SharedImage::of(GdkWindow* window)
     }
     memory->gc = xlib().create_gc(memory->display, memory->window, 0, nullptr);
     memory->make_surface(window);
+    memory->invalidations.emplace(window);
     return std::unique_ptr<SharedImage>(new SharedImage(std::move(memory)));
 }
 
@@ -186,6 +191,11 @@ bool SharedImage::fits(GdkWindow* window) const
     const int scale = gdk_window_get_scale_factor(window);
     return m_memory->scale == scale && m_memory->width == gdk_window_get_width(window) * scale &&
            m_memory->height == gdk_window_get_height(window) * scale && m_memory->window == GDK_WINDOW_XID(window);
+}
+
+Damage SharedImage::take_damage()
+{
+    return m_memory->invalidations->take();
 }
 
 cairo_t* SharedImage::begin()
@@ -225,6 +235,11 @@ std::unique_ptr<SharedImage> SharedImage::of(GdkWindow*)
 bool SharedImage::fits(GdkWindow*) const
 {
     return false;
+}
+
+Damage SharedImage::take_damage()
+{
+    return Damage::of(std::vector<GdkRectangle>{});
 }
 
 cairo_t* SharedImage::begin()

@@ -1,0 +1,69 @@
+/// A window's invalidate handler is told of each rectangle, in the window or not, before GDK takes it over, and may change it.
+#include "invalidations.h"
+
+#include <algorithm>
+
+namespace {
+
+GdkRectangle all_of(GdkWindow* window)
+{
+    return {0, 0, gdk_window_get_width(window), gdk_window_get_height(window)};
+}
+
+constexpr const char* OWNER = "vantric-invalidations";
+constexpr std::size_t MOST_PARTS = 4096;  // that differ: several for each card
+
+}  // namespace
+
+Invalidations::Invalidations(GdkWindow* window) : m_window(GDK_WINDOW(g_object_ref(window))), m_parts{all_of(window)}
+{
+    g_object_set_data(G_OBJECT(m_window), OWNER, this);
+    gdk_window_set_invalidate_handler(m_window, note);
+}
+
+Invalidations::~Invalidations()
+{
+    gdk_window_set_invalidate_handler(m_window, nullptr);
+    g_object_set_data(G_OBJECT(m_window), OWNER, nullptr);
+    g_object_unref(m_window);
+}
+
+Damage Invalidations::take()
+{
+    Damage damage = Damage::of(m_parts);
+    m_parts.clear();
+    return damage;
+}
+
+void Invalidations::note(GdkWindow* window, cairo_region_t* region)
+{
+    static_cast<Invalidations*>(g_object_get_data(G_OBJECT(window), OWNER))->add(region);
+    const GdkRectangle all = all_of(window);
+    cairo_region_union_rectangle(region, &all);
+}
+
+void Invalidations::add(const cairo_region_t* region)
+{
+    const GdkRectangle all = all_of(m_window);
+    for (int i = 0; i < cairo_region_num_rectangles(region); ++i) {
+        GdkRectangle part;
+        cairo_region_get_rectangle(region, i, &part);
+        if (gdk_rectangle_intersect(&part, &all, &part)) {
+            m_parts.push_back(part);
+        }
+    }
+    if (m_parts.size() > m_room) {
+        merge();
+    }
+}
+
+/// A window that nobody paints would gather the same parts for ever.
+void Invalidations::merge()
+{
+    const Damage damage = Damage::of(m_parts);
+    m_parts.assign(damage.parts().begin(), damage.parts().end());
+    if (m_parts.size() > MOST_PARTS) {
+        m_parts.assign({damage.bounds()});
+    }
+    m_room = std::max(m_room, 2 * m_parts.size());
+}

@@ -1,0 +1,31 @@
+/// What of a window has become invalid since it was last painted. Main thread only.
+#pragma once
+
+#include <gdk/gdk.h>
+
+#include <vector>
+
+#include "damage.h"
+
+/// Keeps the invalid rectangles of a window while it lives, and tells GDK that all is invalid as soon as something is. GDK itself adds each
+/// rectangle to one region and goes through the whole of that each time: for the charts and labels of hundreds of cards that takes longer
+/// than to paint them. To be had once for a window, and for one alone that is painted by what this tells, not by what an expose event does.
+class Invalidations {
+public:
+    explicit Invalidations(GdkWindow* window);
+    ~Invalidations();
+    Invalidations(const Invalidations&) = delete;
+    Invalidations& operator=(const Invalidations&) = delete;
+
+    /// What has become invalid since the call before; at first all of the window.
+    Damage take();
+
+private:
+    static void note(GdkWindow* window, cairo_region_t* region);
+    void add(const cairo_region_t* region);
+    void merge();
+
+    GdkWindow* m_window;                ///< a reference
+    std::vector<GdkRectangle> m_parts;  ///< many of them several times
+    std::size_t m_room = 64;            ///< for parts, until they are merged
+};
