@@ -521,7 +521,8 @@ def test_killed_launcher_takes_its_servers_along(kind: str) -> None:
     script = 'echo "$XDG_RUNTIME_DIR"; exec sleep 1000'
     launcher, runtime_dir = start_and_read_line("--kind", kind, "--", "sh", "-c", script)
     try:
-        assert len(processes_with("XDG_RUNTIME_DIR", runtime_dir)) >= 3
+        wait_until(lambda: len(processes_with("XDG_RUNTIME_DIR", runtime_dir)) >= 3, TIMEOUT,
+                   "bus, server and program")  # which has no environment while the shell becomes "sleep"
         launcher.kill()
         launcher.wait(TIMEOUT)
         wait_until(lambda: len(processes_with("XDG_RUNTIME_DIR", runtime_dir)) <= 1, TIMEOUT,
