@@ -162,7 +162,10 @@ def test_who_may_not_use_sudo_gets_one_line(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("tool", ["tools/format", "tools/check-format"])
-def test_formatting_without_git_says_so_and_fails(built: Path, tool: str) -> None:
-    done = run(built, tool, env={"GIT_CEILING_DIRECTORIES": str(built.parent)})
+def test_formatting_without_git_says_so_and_fails(built: Path, tmp_path: Path, tool: str) -> None:
+    # It need not be installed for that
+    stub(tmp_path / "bin", "clang-format", "echo 'called without files'")
+    path = f"{tmp_path}/bin:{os.environ['PATH']}"
+    done = run(built, tool, env={"GIT_CEILING_DIRECTORIES": str(built.parent), "PATH": path})
     assert done.returncode != 0
     assert done.stdout == "This works on the files that git keeps, and here it keeps none.\n"
