@@ -189,6 +189,7 @@ GtkWidget* App::create_colors_expander()
     gtk_widget_set_margin_start(box, COLORS_MARGIN);
     gtk_container_add(GTK_CONTAINER(m_colors_expander), box);
     close_to_keyboard(m_colors_expander);
+    pass_left_key(m_colors_expander);
 
     for (const ColorSlot& slot : COLOR_SLOTS) {
         add_color_row(box, tr(slot.label_key), slot.slot);

@@ -13,6 +13,25 @@ gboolean on_activate_link(GtkLinkButton* link, gpointer)
     return GDK_EVENT_STOP;
 }
 
+/// As GTK does with the right arrow key in an interface written from left to right.
+gboolean on_expander_focus(GtkWidget* expander, GtkDirectionType direction, gpointer)
+{
+    if (direction != GTK_DIR_LEFT || gtk_widget_get_direction(expander) != GTK_TEXT_DIR_RTL) {
+        return FALSE;
+    }
+    g_signal_stop_emission_by_name(expander, "focus");
+    GtkWidget* const present = gtk_container_get_focus_child(GTK_CONTAINER(expander));
+    if (present != nullptr) {
+        return gtk_widget_child_focus(present, direction);
+    }
+    if (gtk_widget_is_focus(expander)) {
+        GtkWidget* const content = gtk_bin_get_child(GTK_BIN(expander));
+        return gtk_widget_get_child_visible(content) && gtk_widget_child_focus(content, direction);
+    }
+    gtk_widget_grab_focus(expander);
+    return TRUE;
+}
+
 }  // namespace
 
 void mirror_expander(GtkWidget* expander)
@@ -30,6 +49,11 @@ void close_to_keyboard(GtkWidget* expander)
     follow(GTK_EXPANDER(expander), nullptr, nullptr);
     g_signal_connect(expander, "notify::expanded", G_CALLBACK(follow), nullptr);
     g_signal_connect(expander, "activate", G_CALLBACK(admit), nullptr);  // GTK maps what is in it before it tells that it is open
+}
+
+void pass_left_key(GtkWidget* expander)
+{
+    g_signal_connect(expander, "focus", G_CALLBACK(on_expander_focus), nullptr);
 }
 
 void move_window(GtkWindow* window, int x, int y)

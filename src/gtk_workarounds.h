@@ -10,6 +10,10 @@ void mirror_expander(GtkWidget* expander);
 /// Keeps the keyboard out of what a closed expander holds, which must be in it already: GTK lets it into one that was never opened.
 void close_to_keyboard(GtkWidget* expander);
 
+/// Lets the keyboard pass an expander by the left arrow key where the interface is written from right to left: GTK goes from the title to
+/// what the expander holds and back for ever, until one of them takes the focus.
+void pass_left_key(GtkWidget* expander);
+
 /// Moves a window, also one that is hidden: GTK forgets the place of a window that has been shown and hidden.
 void move_window(GtkWindow* window, int x, int y);
 

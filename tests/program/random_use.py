@@ -164,8 +164,13 @@ class RandomUser:
     def _end(self) -> None:
         wait_for_main_loop(self._monitor)
         run_tool(["xdotool", "windowactivate", str(self._main)], self._display.env)  # a minimised window can't be closed everywhere
-        self._random.choice([lambda: self._display.close(self._main), lambda: terminated(self._monitor), lambda: interrupted(self._monitor)])()
+        self._random.choice([self._close_main, lambda: terminated(self._monitor), lambda: interrupted(self._monitor)])()
         self._monitor.wait()
+
+    def _close_main(self) -> None:
+        """GTK keeps a window open while a menu, or a dialog for which all others have to wait, is open."""
+        self._close_windows()
+        self._display.close(self._main)
 
     def _check(self) -> None:
         """All is well; if the program has ended, it is started again."""
@@ -223,7 +228,10 @@ class RandomUser:
             return
         control = self._random.choice([*(chooser.combo for chooser in choosers), *self._buttons(dialog)])
         x = control.rect.x + self._random.randrange(1, max(2, min(control.rect.width, REACH)))
-        self._display.point(x, control.rect.y + control.rect.height // 2, self._dialog.window())
+        window = self._display.windows(dialog.title, self._monitor.pid)
+        if not window:
+            raise DisplayError("the dialog has just gone")
+        self._display.point(x, control.rect.y + control.rect.height // 2, window[0])
         self._press(self._random.choice([WHEEL_UP, WHEEL_DOWN]) if kind == "wheel" else LEFT)
 
     @staticmethod

@@ -630,5 +630,21 @@ def test_colors_open_and_close_again_and_again(x11: XDisplay, start: Start, tmp_
     assert dialog.monitor.complaints() == ""
 
 
+@pytest.mark.parametrize("language, onwards, back", [("en", "Right", "Left"), ("ar", "Left", "Right")])
+def test_arrows_in_colors(x11: XDisplay, start: Start, tmp_path: Path, language: str, onwards: str, back: str) -> None:
+    dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", MACHINE, language=language)
+    opened = dialog.open()
+    focus(x11, dialog.window())
+    walk_to(x11, dialog, opened.expander)
+    x11.key(onwards, back, onwards, "Tab")
+    wait_for_focus(dialog, lambda: dialog.wait().links[0], "what comes behind the closed colours")
+    x11.key("shift+Tab", "space")
+    opened = dialog.wait(lambda now: now.expanded and are_shown(dialog, now), "the colours")
+    x11.key(onwards, onwards, back, onwards)
+    walk_to(x11, dialog, opened.reset)
+    x11.key(onwards, back)
+    walk_to(x11, dialog, opened.links[0])
+
+
 def are_shown(dialog: SettingsDialog, now: Dialog) -> bool:
     return all(dialog.monitor.bus.have_state([row.button.address for row in now.colors], State.SHOWING))
