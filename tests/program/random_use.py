@@ -14,6 +14,7 @@ from typing import NamedTuple
 
 import numpy
 from gi.repository import GLib
+from PIL import Image
 
 from accessibility import Node, Rect, State
 from display_process import WaitTimeout
@@ -141,7 +142,9 @@ class RandomUser:
         try:
             wait_until(while_it_changes(same), TIMEOUT, "")
         except AssertionError:
-            raise AssertionError("\n".join(["started again it shows something else:", *_differences(before, seen[0])])) from None
+            pictures = [self._save_picture(name, look) for name, look in (("before", before), ("after", seen[0]))]
+            lines = ["started again it shows something else:", *_differences(before, seen[0]), *pictures]
+            raise AssertionError("\n".join(lines)) from None
 
     def finish(self) -> None:
         """Ends the program."""
@@ -385,6 +388,11 @@ class RandomUser:
         showing = bus.have_state(addresses, State.SHOWING)
         return [Widget(depth, node.role, node.name, description, node.rect)
                 for (depth, node), description, is_shown in zip(nodes, bus.descriptions(addresses), showing) if is_shown]
+
+    def _save_picture(self, name: str, look: Look) -> str:
+        path = self._links / f"{name}.png"
+        Image.fromarray(look.picture).save(path)
+        return str(path)
 
     def _picture(self, main: Node) -> numpy.ndarray:
         path = self._links / "window.png"
