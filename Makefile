@@ -26,7 +26,7 @@ check: ## While you work: run the unit tests, and check format and static analys
 
 test: ## Build everything and run every test
 	@tools/ensure-packages build test
-	@tools/as-user tools/build test $(CMAKE_OPTIONS)
+	@tools/as-user tools/build test --target needed_by_pytest $(CMAKE_OPTIONS)
 	@tools/as-user tools/run-tests test
 
 bench: ## Build and run the benchmarks

@@ -68,8 +68,9 @@ def test_check_fails_with_each_of_its_parts_and_runs_the_others(tree: Path, find
 
 @pytest.mark.parametrize("fails, said_last", [
     ("", "3 passed, 0 failed, 0 skipped"), ("ctest", "3 passed, 0 failed, 0 skipped"), ("python", "2 passed, 1 failed, 0 skipped"),
+    ("cmake", "1 passed, 0 failed, 0 skipped"),
 ])
-def test_the_tests_of_both_kinds_run_whichever_fail(tree: Path, fails: str, said_last: str) -> None:
+def test_the_tests_of_both_kinds_are_built_and_run_whichever_fail(tree: Path, fails: str, said_last: str) -> None:
     (tree / "tests/test_one.py").write_text("import os\n\n\ndef test_one():\n    assert os.environ['FAILS'] != 'python'\n")
     stub(tree.parent / "bin", "localedef", 'mkdir "$5"')
     # As in the background of a shell
@@ -78,5 +79,8 @@ def test_the_tests_of_both_kinds_run_whichever_fail(tree: Path, fails: str, said
     assert (done.returncode == 0) == (fails == "")
     assert done.stdout.splitlines()[-1] == said_last
     calls = [call.split() for call in (tree.parent / "calls").read_text().splitlines()]
-    assert [(call[0], "numbers" in call) for call in calls] == [("ctest", False), ("ctest", True)]
-    assert [int(call[-1], 16) >> (signal.SIGINT - 1) & 1 for call in calls] == [0, 0]
+    runs = [call for call in calls if call[0] == "ctest"]
+    assert calls == [["cmake", "--preset", "test"]] + (runs and [["cmake", "--build", "build/test", "--target", "all"], *runs])
+    assert ["numbers" in call for call in runs] == ([] if fails == "cmake" else [False, True])
+    assert [int(call[-1], 16) >> (signal.SIGINT - 1) & 1 for call in runs] == [0] * len(runs)
+    assert (f"{fails} complains" in done.stdout) == (fails in FINDERS)
