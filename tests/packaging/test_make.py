@@ -102,6 +102,13 @@ def test_a_prefix_of_ones_own_goes_without_destdir(built: Path, tmp_path: Path) 
     assert {path.name for path in prefix.rglob("*") if path.is_dir()} == {"share", "applications"}
 
 
+def test_the_folder_above_a_prefix_of_ones_own_stays_though_it_is_empty(built: Path, tmp_path: Path) -> None:
+    (tmp_path / "outer").mkdir()
+    for target in ("install", "uninstall"):
+        make(built, target, f"PREFIX={tmp_path}/outer/my own")
+    assert [path.name for path in tmp_path.rglob("*")] == ["outer"]
+
+
 def test_folders_of_the_system_stay_though_they_are_empty(built: Path, tmp_path: Path) -> None:
     home = tmp_path / "home"
     for folder in ("bin", "share/man"):
