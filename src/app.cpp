@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "chart_look.h"
 #include "i18n.h"
 #include "session_bus.h"
 #include "settings.h"
@@ -204,8 +205,8 @@ void App::update_card(const CoreWidgets& widgets)
     double b = 0.0;
     usage_color(usage, m_dark, r, g, b);
     char markup[64];
-    std::snprintf(markup, sizeof markup, "<span color='#%02x%02x%02x'>%.0f%%</span>", label_byte(r), label_byte(g), label_byte(b),
-                  usage * 100);
+    std::snprintf(markup, sizeof markup, "<span color='#%02x%02x%02x'>%s</span>", label_byte(r), label_byte(g), label_byte(b),
+                  ChartLook::load_text(usage).c_str());
     set_markup(widgets.pct_label, markup);
     gtk_widget_queue_draw(widgets.chart);
 }

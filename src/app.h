@@ -69,7 +69,6 @@ public:
 
 private:
     static constexpr int COLUMN_WIDTH = 58;  ///< pixels of the default width for each column of cards
-    static constexpr double MHZ_PER_GHZ = 1000.0;
 
     /// Latest copy of all measured values. Only the tick writes it, so painters and label updates never take a sampler's lock.
     struct Cache {
@@ -147,6 +146,8 @@ private:
     static bool running_on_wayland();
     /// The primary monitor, else the one on which `widget` stands, else the first; null if there is none. Both may be null.
     static GdkMonitor* usable_monitor(GdkDisplay* display, GtkWidget* widget);
+    /// Of that monitor; 0 by 0 without one.
+    GdkRectangle monitor_area() const;
     /// Default width in vertical orientation, in pixels.
     static int calc_window_w(int cols);
 

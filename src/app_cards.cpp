@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "app.h"
+#include "chart_look.h"
 #include "i18n.h"
 #include "layout_boundary.h"
 #include "spoken_widgets.h"
@@ -24,14 +25,6 @@ GtkWidget* as_readout(GtkWidget* label, double xalign, const char* css_class)
     gtk_label_set_xalign(GTK_LABEL(label), static_cast<float>(xalign));
     add_class(label, css_class);
     return label;
-}
-
-/// As the cards show it.
-std::string percentage_text(double load)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "%.0f%%", load * 100);
-    return text;
 }
 
 void delete_meta(gpointer meta)
@@ -99,7 +92,7 @@ GtkWidget* App::create_chart(const ChartMeta& meta, int min_height)
 std::string App::chart_name(GtkWidget* chart, gpointer)
 {
     const ChartMeta& meta = *static_cast<const ChartMeta*>(g_object_get_data(G_OBJECT(chart), "meta"));
-    return meta.cpu_index == -1 ? I18n::instance().tr("Total") : card_title(meta.cpu_index);
+    return meta.cpu_index == -1 ? tr("Total") : card_title(meta.cpu_index);
 }
 
 /// In the figures that stand on and beside the chart.
@@ -109,7 +102,7 @@ std::string App::chart_description(GtkWidget* chart, gpointer data)
     const ChartMeta& meta = *static_cast<const ChartMeta*>(g_object_get_data(G_OBJECT(chart), "meta"));
     const std::vector<std::string> clock = freq_texts(app.frequency_of(meta));
     const std::optional<double> load = app.load_of(meta);
-    std::string text = load ? percentage_text(*load) : "";
+    std::string text = load ? ChartLook::load_text(*load) : "";
     if (!clock.empty()) {
         text += (text.empty() ? "" : ", ") + clock.front();
     }
@@ -179,12 +172,12 @@ GtkWidget* App::create_total_panel(GtkWidget* extra)
 GtkWidget* App::create_status_row(GtkWidget* panel)
 {
     GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 4);
-    const auto name = [](GtkWidget*, gpointer) -> std::string { return I18n::instance().tr("Settings"); };
+    const auto name = [](GtkWidget*, gpointer) -> std::string { return tr("Settings"); };
     GtkWidget* gear = create_spoken_button("⚙", {.name = name, .description = nullptr, .data = nullptr});
     add_class(gear, "flat");
     add_class(gear, "gear-btn");
     gtk_button_set_relief(GTK_BUTTON(gear), GTK_RELIEF_NONE);
-    gtk_widget_set_tooltip_text(gear, I18n::instance().tr("Settings"));
+    gtk_widget_set_tooltip_text(gear, tr("Settings"));
     m_handlers.connect(gear, "clicked", G_CALLBACK(on_settings_clicked));
     pack_start(row, gear, Fill::NO);
     g_object_set_data(G_OBJECT(panel), "gear", gear);
@@ -200,8 +193,8 @@ GtkWidget* App::create_status_row(GtkWidget* panel)
 std::string App::frequency_caption(double mhz)
 {
     char text[32];
-    if (mhz >= MHZ_PER_GHZ) {
-        std::snprintf(text, sizeof text, "%.3f GHz", mhz / MHZ_PER_GHZ);
+    if (mhz >= ChartLook::MHZ_PER_GHZ) {
+        std::snprintf(text, sizeof text, "%.3f GHz", mhz / ChartLook::MHZ_PER_GHZ);
     } else {
         std::snprintf(text, sizeof text, "%.0f MHz", mhz);
     }

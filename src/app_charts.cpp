@@ -30,8 +30,8 @@ struct CurveShape {
 
     double x(std::size_t i) const
     {
-        const int start = ChartStyle::MAX_POINTS - static_cast<int>(history.size());
-        return (start + static_cast<int>(i)) / (ChartStyle::MAX_POINTS - 1.0) * w;
+        const int start = ChartLook::MAX_POINTS - static_cast<int>(history.size());
+        return (start + static_cast<int>(i)) / (ChartLook::MAX_POINTS - 1.0) * w;
     }
     double y(std::size_t i) const { return (1.0 - history[i]) * h; }
 
@@ -54,8 +54,8 @@ cairo_text_extents_t measure(cairo_t* cr, const std::string& text)
 void paint_fill(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 {
     cairo_pattern_t* gradient = cairo_pattern_create_linear(0, 0, 0, curve.h);
-    cairo_pattern_add_color_stop_rgba(gradient, 0.0, accent.r, accent.g, accent.b, ChartStyle::CURVE.fill_alpha_top);
-    cairo_pattern_add_color_stop_rgba(gradient, 1.0, accent.r, accent.g, accent.b, ChartStyle::CURVE.fill_alpha_bottom);
+    cairo_pattern_add_color_stop_rgba(gradient, 0.0, accent.r, accent.g, accent.b, ChartLook::CURVE.fill_alpha_top);
+    cairo_pattern_add_color_stop_rgba(gradient, 1.0, accent.r, accent.g, accent.b, ChartLook::CURVE.fill_alpha_bottom);
     curve.trace(cr);
     cairo_line_to(cr, curve.w, curve.h);
     cairo_line_to(cr, curve.x(0), curve.h);
@@ -67,8 +67,8 @@ void paint_fill(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 
 void paint_curve(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 {
-    cairo_set_source_rgba(cr, accent.r, accent.g, accent.b, ChartStyle::CURVE.line_alpha);
-    cairo_set_line_width(cr, ChartStyle::CURVE.line_width);
+    cairo_set_source_rgba(cr, accent.r, accent.g, accent.b, ChartLook::CURVE.line_alpha);
+    cairo_set_line_width(cr, ChartLook::CURVE.line_width);
     curve.trace(cr);
     cairo_stroke(cr);
 }
@@ -76,12 +76,12 @@ void paint_curve(cairo_t* cr, const CurveShape& curve, const Rgb& accent)
 /// The load in the top right corner.
 void paint_overlay(cairo_t* cr, int w, double load, const Rgb& color)
 {
-    const std::string text = ChartStyle::overlay_text(load);
+    const std::string text = ChartLook::load_text(load);
     const CairoState state(cr);
-    cairo_set_source_rgba(cr, color.r, color.g, color.b, ChartStyle::OVERLAY_ALPHA);
+    cairo_set_source_rgba(cr, color.r, color.g, color.b, ChartLook::OVERLAY_ALPHA);
     select_chart_font(cr);
-    cairo_set_font_size(cr, ChartStyle::OVERLAY_FONT_SIZE);
-    const ChartStyle::Origin origin = ChartStyle::overlay_origin(w, measure(cr, text));
+    cairo_set_font_size(cr, ChartLook::OVERLAY_FONT_SIZE);
+    const ChartLook::Origin origin = ChartLook::overlay_origin(w, measure(cr, text));
     cairo_move_to(cr, origin.x, origin.y);
     cairo_show_text(cr, text.c_str());
 }
@@ -152,14 +152,14 @@ gboolean App::draw_color_bar(GtkWidget* w, cairo_t* cr, gpointer)
 void App::paint_chart(cairo_t* cr, int w, int h, const std::deque<double>& history, const Rgb& accent, const Palette& pal,
                       const std::vector<std::string>& ghost, double pct_overlay)
 {
-    ChartStyle::paint_backdrop(cr, w, h, pal);
+    ChartLook::paint_backdrop(cr, w, h, pal);
     draw_ghost(cr, w, h, ghost, pal);
     if (!history.empty()) {
         const CurveShape curve{history, w, h};
         paint_fill(cr, curve, accent);
         paint_curve(cr, curve, accent);
     }
-    if (ChartStyle::has_overlay(w, pct_overlay)) {
+    if (ChartLook::has_overlay(w, pct_overlay)) {
         Rgb color;
         usage_color(pct_overlay, pal.dark, color.r, color.g, color.b);
         paint_overlay(cr, w, pct_overlay, color);
@@ -170,7 +170,7 @@ void App::draw_ghost(cairo_t* cr, int w, int h, const std::vector<std::string>& 
 {
     const CairoState state(cr);
     select_chart_font(cr);
-    const auto ghost = ChartStyle::choose_ghost(
+    const auto ghost = ChartLook::choose_ghost(
         w, h, candidates.size(), [&](std::size_t i) { return candidates[i]; },
         [&](const std::string& text, double size) {
             cairo_set_font_size(cr, size);
@@ -184,7 +184,7 @@ void App::draw_ghost(cairo_t* cr, int w, int h, const std::vector<std::string>& 
 void App::draw_ghost_text(cairo_t* cr, int w, int h, const std::string& text, double size, const Palette& pal)
 {
     cairo_set_font_size(cr, size);
-    const ChartStyle::Origin origin = ChartStyle::ghost_origin(w, h, measure(cr, text));
+    const ChartLook::Origin origin = ChartLook::ghost_origin(w, h, measure(cr, text));
     cairo_move_to(cr, origin.x, origin.y);
     cairo_set_source_rgba(cr, pal.ink, pal.ink, pal.ink, pal.ghost_alpha);
     cairo_show_text(cr, text.c_str());
@@ -192,7 +192,7 @@ void App::draw_ghost_text(cairo_t* cr, int w, int h, const std::string& text, do
 
 std::vector<std::string> App::freq_texts(double mhz)
 {
-    const ChartStyle::FrequencyForms forms(mhz);
+    const ChartLook::FrequencyForms forms(mhz);
     std::vector<std::string> texts;
     for (std::size_t form = 0; form < forms.count(); ++form) {
         texts.push_back(forms.text(form));

@@ -113,10 +113,7 @@ void App::enter_stored_geometry(const WindowGeometry& stored, const WindowRect& 
 /// The stored position, pulled into the monitor, or the middle of the monitor.
 GdkPoint App::rebuild_target(const WindowGeometry& stored, const WindowRect& left, int width, int height) const
 {
-    GdkRectangle area{};
-    if (GdkMonitor* monitor = usable_monitor(gdk_display_get_default(), m_window)) {
-        gdk_monitor_get_geometry(monitor, &area);
-    }
+    const GdkRectangle area = monitor_area();
     if (area.width < 1 || area.height < 1) {
         return stored.valid ? GdkPoint{stored.x, stored.y} : GdkPoint{left.x, left.y};
     }

@@ -16,13 +16,6 @@ constexpr int MIN_STORED_HEIGHT = 101;  // outside these a stored height is take
 constexpr int MAX_STORED_HEIGHT = 2999;
 constexpr const char* TRACE_VARIABLE = "VANTRIC_TRACE";
 
-GdkRectangle geometry_of(GdkMonitor* monitor)
-{
-    GdkRectangle area{};
-    gdk_monitor_get_geometry(monitor, &area);
-    return area;
-}
-
 }  // namespace
 
 void App::create_window()
@@ -78,8 +71,8 @@ void App::place_window(const WindowGeometry& stored, int width, int height)
     }
     if (stored.valid) {
         gtk_window_move(GTK_WINDOW(m_window), stored.x, stored.y);
-    } else if (GdkMonitor* monitor = usable_monitor(gdk_display_get_default(), m_window)) {
-        const GdkRectangle area = geometry_of(monitor);
+    } else if (usable_monitor(gdk_display_get_default(), m_window) != nullptr) {
+        const GdkRectangle area = monitor_area();
         gtk_window_move(GTK_WINDOW(m_window), area.x + (area.width - width) / 2, area.y + (area.height - height) / 2);
     }
 }
@@ -91,13 +84,11 @@ void App::limit_window_size()
     limits.min_width = MIN_SIZE;
     limits.min_height = MIN_SIZE;
     int hints = GDK_HINT_MIN_SIZE;
-    if (GdkMonitor* monitor = usable_monitor(gdk_display_get_default(), m_window)) {
-        const GdkRectangle area = geometry_of(monitor);
-        if (area.width > 0 && area.height > 0) {
-            limits.max_width = area.width;
-            limits.max_height = area.height;
-            hints |= GDK_HINT_MAX_SIZE;
-        }
+    const GdkRectangle area = monitor_area();
+    if (area.width > 0 && area.height > 0) {
+        limits.max_width = area.width;
+        limits.max_height = area.height;
+        hints |= GDK_HINT_MAX_SIZE;
     }
     gtk_window_set_geometry_hints(GTK_WINDOW(m_window), nullptr, &limits, static_cast<GdkWindowHints>(hints));
 }
@@ -188,6 +179,15 @@ GdkMonitor* App::usable_monitor(GdkDisplay* display, GtkWidget* widget)
         return monitor;
     }
     return gdk_display_get_n_monitors(display) >= 1 ? gdk_display_get_monitor(display, 0) : nullptr;
+}
+
+GdkRectangle App::monitor_area() const
+{
+    GdkRectangle area{};
+    if (GdkMonitor* const monitor = usable_monitor(gdk_display_get_default(), m_window)) {
+        gdk_monitor_get_geometry(monitor, &area);
+    }
+    return area;
 }
 
 int App::calc_window_w(int cols)

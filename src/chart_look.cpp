@@ -11,13 +11,12 @@ constexpr double GRID_LINE_WIDTH = 0.5;
 constexpr int OVERLAY_MIN_WIDTH = 40;  // the chart must be wider than this
 constexpr double OVERLAY_MARGIN = 4.0;
 
-constexpr double MHZ_PER_GHZ = 1000.0;
 constexpr const char* GHZ_FORMS[] = {"%.3f GHz", "%.1f GHz", "%.1fG", "%.1f"};
 constexpr const char* MHZ_FORMS[] = {"%.0f MHz", "%.0fM", "%.0f"};
 
 }  // namespace
 
-void ChartStyle::paint_backdrop(cairo_t* cr, int w, int h, const Palette& pal)
+void ChartLook::paint_backdrop(cairo_t* cr, int w, int h, const Palette& pal)
 {
     Rgb background;
     hex_to_rgb(pal.chart_bg, background);
@@ -33,29 +32,29 @@ void ChartStyle::paint_backdrop(cairo_t* cr, int w, int h, const Palette& pal)
     }
 }
 
-bool ChartStyle::has_overlay(int w, double load)
+bool ChartLook::has_overlay(int w, double load)
 {
     return w > OVERLAY_MIN_WIDTH && load >= 0;
 }
 
-std::string ChartStyle::overlay_text(double load)
+std::string ChartLook::load_text(double load)
 {
     char text[16];
     std::snprintf(text, sizeof text, "%.0f%%", load * 100);
     return text;
 }
 
-ChartStyle::Origin ChartStyle::overlay_origin(int w, const cairo_text_extents_t& ext)
+ChartLook::Origin ChartLook::overlay_origin(int w, const cairo_text_extents_t& ext)
 {
     return {w - ext.width - ext.x_bearing - OVERLAY_MARGIN, OVERLAY_MARGIN - ext.y_bearing};
 }
 
-ChartStyle::Origin ChartStyle::ghost_origin(int w, int h, const cairo_text_extents_t& ext)
+ChartLook::Origin ChartLook::ghost_origin(int w, int h, const cairo_text_extents_t& ext)
 {
     return {(w - ext.width) * 0.5 - ext.x_bearing, (h + ext.height) * 0.5 - ext.y_bearing - ext.height};
 }
 
-ChartStyle::FrequencyForms::FrequencyForms(double mhz)
+ChartLook::FrequencyForms::FrequencyForms(double mhz)
 {
     if (mhz >= MHZ_PER_GHZ) {
         m_formats = GHZ_FORMS;
@@ -68,7 +67,7 @@ ChartStyle::FrequencyForms::FrequencyForms(double mhz)
     }
 }
 
-std::string ChartStyle::FrequencyForms::text(std::size_t form) const
+std::string ChartLook::FrequencyForms::text(std::size_t form) const
 {
     char text[32];
     std::snprintf(text, sizeof text, m_formats[form], m_value);

@@ -14,10 +14,15 @@
 #include "curve_coverage.h"
 #include "theme.h"
 
-namespace ChartStyle {
+namespace ChartLook {
 
 constexpr int MAX_POINTS = static_cast<int>(CPUReader::HISTORY_SIZE);  ///< a chart always spans a whole history
 constexpr CurveLook CURVE{.line_width = 1.2, .line_alpha = 0.85, .fill_alpha_top = 0.55, .fill_alpha_bottom = 0.04};
+
+constexpr double MHZ_PER_GHZ = 1000.0;
+
+/// A load as it is shown and told everywhere, in whole per cent.
+std::string load_text(double load);
 
 constexpr double OVERLAY_FONT_SIZE = 12.0;
 constexpr double OVERLAY_ALPHA = 0.9;
@@ -27,7 +32,6 @@ void paint_backdrop(cairo_t* cr, int w, int h, const Palette& pal);
 
 /// Whether a chart of that width has room for the load in its corner; a negative load is never shown.
 bool has_overlay(int w, double load);
-std::string overlay_text(double load);
 
 /// Where a text of these extents begins.
 struct Origin {
@@ -92,4 +96,4 @@ std::optional<Ghost> choose_ghost(int w, int h, std::size_t count, const TextAt&
     return size >= MIN_FONT ? std::optional(Ghost{shortest, size}) : std::nullopt;
 }
 
-}  // namespace ChartStyle
+}  // namespace ChartLook

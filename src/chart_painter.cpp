@@ -16,7 +16,7 @@ std::vector<std::uint32_t> painted_rows(int height, int scale, const Palette& pa
     cairo_surface_t* const image = cairo_image_surface_create(CAIRO_FORMAT_RGB24, scale, height * scale);
     cairo_surface_set_device_scale(image, scale, scale);
     cairo_t* const cr = cairo_create(image);
-    ChartStyle::paint_backdrop(cr, 1, height, pal);
+    ChartLook::paint_backdrop(cr, 1, height, pal);
     const std::optional<PixelCanvas> canvas = PixelCanvas::of(cr);
     std::vector<std::uint32_t> rows;
     for (int y = 0; canvas && y < height * scale; ++y) {
@@ -34,7 +34,7 @@ void ChartPainter::paint(cairo_t* cr, const PixelCanvas& canvas, const Chart& ch
     paint_backdrop(canvas, chart, pal);
     paint_ghost(cr, chart, pal);
     paint_curve(canvas, chart);
-    if (ChartStyle::has_overlay(chart.area.width, chart.load)) {
+    if (ChartLook::has_overlay(chart.area.width, chart.load)) {
         paint_overlay(cr, chart);
     }
 }
@@ -73,15 +73,15 @@ void ChartPainter::paint_backdrop(const PixelCanvas& canvas, const Chart& chart,
 void ChartPainter::paint_ghost(cairo_t* cr, const Chart& chart, const Palette& pal)
 {
     const auto& [x, y, w, h] = chart.area;
-    const ChartStyle::FrequencyForms forms(chart.mhz);
-    const auto ghost = ChartStyle::choose_ghost(
+    const ChartLook::FrequencyForms forms(chart.mhz);
+    const auto ghost = ChartLook::choose_ghost(
         w, h, forms.count(), [&](std::size_t form) { return forms.text(form); },
         [&](const std::string& text, double size) { return m_fonts.at(cr, size).measure(text).width; });
     if (!ghost) {
         return;
     }
     ChartFont& font = m_fonts.at(cr, ghost->size);
-    const ChartStyle::Origin origin = ChartStyle::ghost_origin(w, h, font.measure(ghost->text));
+    const ChartLook::Origin origin = ChartLook::ghost_origin(w, h, font.measure(ghost->text));
     cairo_set_source_rgba(cr, pal.ink, pal.ink, pal.ink, pal.ghost_alpha);
     font.show(cr, x + origin.x, y + origin.y, ghost->text);
 }
@@ -90,7 +90,7 @@ void ChartPainter::paint_curve(const PixelCanvas& canvas, const Chart& chart)
 {
     const auto& [x, y, w, h] = chart.area;
     const int scale = canvas.scale;
-    m_curve.paint(chart.history, ChartStyle::MAX_POINTS, ChartStyle::CURVE, chart.accent,
+    m_curve.paint(chart.history, ChartLook::MAX_POINTS, ChartLook::CURVE, chart.accent,
                   {.data = canvas.data,
                    .stride = canvas.stride,
                    .chart = {canvas.x + x * scale, canvas.y + y * scale, w * scale, h * scale},
@@ -101,9 +101,9 @@ void ChartPainter::paint_curve(const PixelCanvas& canvas, const Chart& chart)
 
 void ChartPainter::paint_overlay(cairo_t* cr, const Chart& chart)
 {
-    const std::string text = ChartStyle::overlay_text(chart.load);
-    ChartFont& font = m_fonts.at(cr, ChartStyle::OVERLAY_FONT_SIZE);
-    const ChartStyle::Origin origin = ChartStyle::overlay_origin(chart.area.width, font.measure(text));
-    cairo_set_source_rgba(cr, chart.load_color.r, chart.load_color.g, chart.load_color.b, ChartStyle::OVERLAY_ALPHA);
+    const std::string text = ChartLook::load_text(chart.load);
+    ChartFont& font = m_fonts.at(cr, ChartLook::OVERLAY_FONT_SIZE);
+    const ChartLook::Origin origin = ChartLook::overlay_origin(chart.area.width, font.measure(text));
+    cairo_set_source_rgba(cr, chart.load_color.r, chart.load_color.g, chart.load_color.b, ChartLook::OVERLAY_ALPHA);
     font.show(cr, chart.area.x + origin.x, chart.area.y + origin.y, text);
 }

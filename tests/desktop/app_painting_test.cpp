@@ -286,14 +286,14 @@ private:
     {
         const int w = gtk_widget_get_allocated_width(chart);
         const int h = gtk_widget_get_allocated_height(chart);
-        const ChartStyle::FrequencyForms forms(CLOCK);
+        const ChartLook::FrequencyForms forms(CLOCK);
         double x = 0.5;
         painted_by_server(chart, 1, 1, 1, [&](cairo_t* cr) {
             const auto measure = [&](const std::string& text, double size) { return ChartFont(cr, size).measure(text); };
-            const auto ghost = ChartStyle::choose_ghost(
+            const auto ghost = ChartLook::choose_ghost(
                 w, h, forms.count(), [&](std::size_t form) { return forms.text(form); },
                 [&](const std::string& text, double size) { return measure(text, size).width; });
-            x = ghost ? ChartStyle::ghost_origin(w, h, measure(ghost->text, ghost->size)).x : x;
+            x = ghost ? ChartLook::ghost_origin(w, h, measure(ghost->text, ghost->size)).x : x;
         });
         return std::abs(x - std::round(x)) < 0.25;
     }

@@ -120,8 +120,13 @@ class AccessibilityBus:
         (children,) = _call(self._bus, Call(registry, ACCESSIBLE, "GetChildren"))
         for owner, path in children:
             question = Call(bus, "org.freedesktop.DBus", "GetConnectionUnixProcessID", GLib.Variant("(s)", (owner,)))
-            if _call(self._bus, question) == (pid,):
-                return Address(owner, path)
+            try:
+                if _call(self._bus, question) == (pid,):
+                    return Address(owner, path)
+            except GLib.Error as error:
+                if Gio.DBusError.get_remote_error(error) != "org.freedesktop.DBus.Error.NameHasNoOwner":
+                    raise
+                # Another program's, which has just ended
         return None
 
     def tree(self, root: Address, closed: Collection[str] = ()) -> Node:
