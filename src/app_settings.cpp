@@ -254,6 +254,7 @@ void App::replace_settings_content()
         return;
     }
     close_menu();
+    close_color_choosers();
     const FocusKeeper focus(m_settings_box);
     const bool was_expanded = m_colors_expander != nullptr && gtk_expander_get_expanded(GTK_EXPANDER(m_colors_expander));
     GList* children = gtk_container_get_children(GTK_CONTAINER(m_settings_box));

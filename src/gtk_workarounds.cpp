@@ -13,6 +13,15 @@ gboolean on_activate_link(GtkLinkButton* link, gpointer)
     return GDK_EVENT_STOP;
 }
 
+/// Hides a window that is about to be destroyed, and gives no widget of it the focus any more.
+void close_for_ever(GtkWindow* window)
+{
+    gtk_widget_hide(GTK_WIDGET(window));
+    gtk_window_set_focus(window, nullptr);
+    const auto refuse = +[](GtkWindow* refusing, GtkWidget*, gpointer) { g_signal_stop_emission_by_name(refusing, "set-focus"); };
+    g_signal_connect(window, "set-focus", G_CALLBACK(refuse), nullptr);
+}
+
 /// As GTK does with the right arrow key in an interface written from left to right.
 gboolean on_expander_focus(GtkWidget* expander, GtkDirectionType direction, gpointer)
 {
@@ -70,6 +79,17 @@ GtkWidget* create_link_button(const char* uri, const char* label)
     GtkWidget* const link = gtk_link_button_new_with_label(uri, label);
     g_signal_connect(link, "activate-link", G_CALLBACK(on_activate_link), nullptr);
     return link;
+}
+
+void close_color_choosers()
+{
+    GList* const windows = gtk_window_list_toplevels();
+    for (GList* item = windows; item != nullptr; item = item->next) {
+        if (GTK_IS_COLOR_CHOOSER_DIALOG(item->data)) {
+            close_for_ever(GTK_WINDOW(item->data));
+        }
+    }
+    g_list_free(windows);
 }
 
 void close_menu()

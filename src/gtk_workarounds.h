@@ -21,6 +21,10 @@ void move_window(GtkWindow* window, int x, int y);
 /// program for the address gives no warning.
 GtkWidget* create_link_button(const char* uri, const char* label);
 
+/// Closes all choosers of colours, for good. To be called before the buttons go that have opened them, and the choosers with these: on its
+/// way out a chooser with a menu, or one that was just closed, gives the focus to a widget that is already gone.
+void close_color_choosers();
+
 /// Closes the menu that is open, if one is. To be called before the widgets go that have opened it: GTK leaves the pointer to the menu of a
 /// link that is gone, and the focus to a colour of the chooser that went with its menu.
 void close_menu();

@@ -28,8 +28,13 @@ Invalidations::~Invalidations()
     g_object_unref(m_window);
 }
 
+/// Clips at the end, as the window may have been larger meanwhile, and at the time of each part it may have been smaller.
 Damage Invalidations::take()
 {
+    const GdkRectangle all = all_of(m_window);
+    for (GdkRectangle& part : m_parts) {
+        gdk_rectangle_intersect(&part, &all, &part);  // which empties one that lies beside it
+    }
     Damage damage = Damage::of(m_parts);
     m_parts.clear();
     return damage;
@@ -44,13 +49,10 @@ void Invalidations::note(GdkWindow* window, cairo_region_t* region)
 
 void Invalidations::add(const cairo_region_t* region)
 {
-    const GdkRectangle all = all_of(m_window);
     for (int i = 0; i < cairo_region_num_rectangles(region); ++i) {
         GdkRectangle part;
         cairo_region_get_rectangle(region, i, &part);
-        if (gdk_rectangle_intersect(&part, &all, &part)) {
-            m_parts.push_back(part);
-        }
+        m_parts.push_back(part);
     }
     if (m_parts.size() > m_room) {
         merge();

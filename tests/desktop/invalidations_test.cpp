@@ -58,6 +58,25 @@ TEST_F(InvalidationsTest, AreTheRectanglesAndNothingElse)
     EXPECT_TRUE(invalidations.take().is_empty());
 }
 
+/// The X server ends a program that puts up more than there is.
+TEST_F(InvalidationsTest, LieInTheWindowThoughItWasLargerMeanwhile)
+{
+    Invalidations invalidations(window());
+    invalidations.take();
+    const int width = gdk_window_get_width(window());
+    const int height = gdk_window_get_height(window());
+    gdk_window_resize(window(), 2 * width, 2 * height);
+    ASSERT_TRUE(iterate_until([&] { return gdk_window_get_width(window()) == 2 * width; }));
+    invalidations.take();
+    invalidate({width - 10, height - 10, 30, 30});
+    invalidate({width + 10, height + 10, 30, 30});
+    gdk_window_resize(window(), width, height);
+    ASSERT_TRUE(iterate_until([&] { return gdk_window_get_width(window()) == width; }));
+    const GdkRectangle bounds = invalidations.take().bounds();
+    EXPECT_EQ(bounds.x + bounds.width, width);
+    EXPECT_EQ(bounds.y + bounds.height, height);
+}
+
 TEST_F(InvalidationsTest, AreOneRectangleForGdk)
 {
     Invalidations invalidations(window());

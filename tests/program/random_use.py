@@ -108,10 +108,16 @@ class RandomUser:
 
     def act(self) -> None:
         """Does something after a little while, and checks that it has done no harm."""
-        acts = {self._click: 20, self._press_keys: 12, self._turn_wheel: 8, self._drag: 6, self._use_control: 22, self._pick_color: 6, self._open_dialog: 8,
-                self._resize: 6, self._move: 6, self._change_state: 3, self._minimise: 2, self._close_dialog: 3, self._end: 1}
+        self._do({self._click: 20, self._press_keys: 12, self._turn_wheel: 8, self._drag: 6, self._use_control: 22, self._pick_color: 6,
+                  self._open_dialog: 8, self._resize: 6, self._move: 6, self._change_state: 3, self._minimise: 2, self._close_dialog: 3, self._end: 1}, LONGEST_REST)
+
+    def act_on_choosers(self) -> None:
+        """Does something in haste in the dialog and in a chooser of colours, whose content is replaced with each change of the orientation."""
+        self._do({self._click_on_chooser: 30, self._press_keys: 10, self._pick_color: 8, self._change_orientation: 6, self._open_dialog: 2}, 0)
+
+    def _do(self, acts: dict[Callable[[], None], int], longest_rest: float) -> None:
         (act,) = self._random.choices(list(acts), list(acts.values()))
-        time.sleep(self._random.uniform(0, LONGEST_REST))
+        time.sleep(self._random.uniform(0, longest_rest))
         try:
             act()
             self.done[act.__name__.strip("_").replace("_", " ")] += 1
@@ -202,6 +208,11 @@ class RandomUser:
         self._point()
         self._press(self._random.choice([LEFT] * 8 + [MIDDLE, RIGHT]), self._random.choice([1, 1, 1, 2, 3]))
 
+    def _click_on_chooser(self) -> None:
+        """And on the dialog: windows are told in the order in which they were opened."""
+        self._point(self._random.choice(self._windows()[-2:]))
+        self._press(self._random.choice([LEFT, RIGHT]), self._random.choice([1, 1, 2]))
+
     def _press_keys(self) -> None:
         self._focus(self._random.choice(self._windows()))
         self._display.key(*self._random.choices(KEYS, k=self._random.randrange(1, 8)))
@@ -236,6 +247,11 @@ class RandomUser:
             raise DisplayError("the dialog has just gone")
         self._display.point(x, control.rect.y + control.rect.height // 2, window[0])
         self._press(self._random.choice([WHEEL_UP, WHEEL_DOWN]) if kind == "wheel" else LEFT)
+
+    def _change_orientation(self) -> None:
+        dialog = while_it_changes(self._dialog.shown)()
+        if dialog is not None:
+            self._dialog.choose(dialog.orientation, self._random.randrange(len(ORIENTATIONS)))
 
     @staticmethod
     def _buttons(dialog: Dialog) -> list[Node]:
@@ -285,9 +301,9 @@ class RandomUser:
         """Its visible windows, menus among them; the main window even if it can't be seen."""
         return self._display.windows(pid=self._monitor.pid) or [self._main]
 
-    def _point(self) -> None:
-        """Puts the pointer at some place in some window."""
-        window = self._random.choice(self._windows())
+    def _point(self, window: int | None = None) -> None:
+        """Puts the pointer at some place in a window, or in some window."""
+        window = window or self._random.choice(self._windows())
         place = self._display.geometry(window)
         self._display.point(self._random.randrange(place.width), self._random.randrange(place.height), window)
 

@@ -23,6 +23,19 @@ ACTS = 240 if SECONDS else 60  # from one new start to the next
 ENOUGH_CHANGES = 2  # values of a setting that were saved; else nothing would have been tried
 
 
+def test_random_use_of_choosers(displays: ExitStack, machines: ExitStack, start: Start, tmp_path: Path) -> None:
+    home = tmp_path / "kept"
+    write_settings(home, settings_text())
+    display = displays.enter_context(XDisplay(window_manager=WINDOW_MANAGER))
+    user = RandomUser(start, display, home, machines.enter_context(Machine(MACHINE)), SEED)
+    begin = time.monotonic()
+    while user.done.total() < ACTS or time.monotonic() - begin < SECONDS:
+        user.act_on_choosers()
+    print(dict(user.done))
+    user.finish()
+    assert max(len(values) for values in user.seen.values()) >= ENOUGH_CHANGES
+
+
 def test_random_use(displays: ExitStack, machines: ExitStack, start: Start, tmp_path: Path) -> None:
     print(f"seed {SEED}, {SECONDS:g} s, {WINDOW_MANAGER}")
     home = tmp_path / "kept"
