@@ -192,6 +192,29 @@ bool is_as_by_gtk(App& app, GtkWidget* widget)
     return is_alike;
 }
 
+/// Where the screen is not as GTK paints it, beside the charts; empty if nowhere.
+std::string stray_pixels(App& app)
+{
+    const Screenshot screen(app.m_window);
+    const Picture wanted = painted_by_gtk(app);
+    std::vector<GtkAllocation> charts(1);
+    gtk_widget_get_allocation(app.m_total_chart, &charts.front());
+    for (const App::CoreWidgets& core : app.m_clusters_ui.front().cores) {
+        gtk_widget_get_allocation(core.chart, &charts.emplace_back());
+    }
+    std::string places;
+    for (int y = 0; y < gtk_widget_get_allocated_height(app.m_window); ++y) {
+        for (int x = 0; x < gtk_widget_get_allocated_width(app.m_window); ++x) {
+            const GdkRectangle pixel{x, y, 1, 1};
+            const auto holds = [&](const GtkAllocation& chart) { return gdk_rectangle_intersect(&chart, &pixel, nullptr); };
+            if (std::none_of(charts.begin(), charts.end(), holds) && !is_about(screen.at(x, y), wanted.at(x, y), ROUNDING)) {
+                places += ' ' + std::to_string(x) + ',' + std::to_string(y);
+            }
+        }
+    }
+    return places;
+}
+
 class WindowOnScreen : public IdleAppTest {
 protected:
     static void apply(App& app, const char* theme)
@@ -439,6 +462,26 @@ TEST_F(WindowOnScreen, WaitsForTheServerToReadThePictureBefore)
 TEST_F(TickOnScreen, ShowsTheStatusAsGtkPaintsIt)
 {
     expect_status_as_by_gtk("dark", {0, 1, 2, 9, 8, 3, 4, 0}, [](App&) {});
+}
+
+/// Texts of which some have ink far above or below their room.
+TEST_F(TickOnScreen, LeavesNothingOfTheLanguageBefore)
+{
+    for (const char* theme : {"light", "dark"}) {
+        IdleApp app({.clusters = {2}, .columns = 2});
+        apply(app, theme);
+        ASSERT_TRUE(app.show());
+        int number = 0;
+        for (const auto& language : I18n::available()) {
+            I18n::instance().set_language(language.code);
+            app.retranslate();
+            ASSERT_TRUE(settle(app.m_window));
+            tick_of_status(app, ++number % 7);
+            ASSERT_TRUE(settle(app.m_window));
+            EXPECT_EQ(stray_pixels(app), "") << language.code << ' ' << theme;
+            g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
+        }
+    }
 }
 
 /// It stands in the row as well, and the labels' backdrop must not hide it.
