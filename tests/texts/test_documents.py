@@ -12,7 +12,7 @@ import pytest
 from source_texts import SOURCES, fixed_texts, keys, native_names
 
 ROOT = SOURCES.parent
-PAGES = ["README.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/performance.md", "docs/reliability.md"]
+PAGES = ["README.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/frames.md", "docs/performance.md", "docs/reliability.md"]
 
 VARIABLE = re.compile(r"(XDG|SNAP|LC|VANTRIC|WAYLAND|GDK)_[A-Z_]+|HOME|LANG|LANGUAGE|DISPLAY|XAUTHORITY")
 VARIABLES_OF_LIBRARIES = {"LC_MESSAGES", "GDK_BACKEND", "GDK_SCALE"}  # which read them for the program
