@@ -516,6 +516,18 @@ def test_signal_during_the_start_ends_it_cleanly(kind: str) -> None:
     assert processes_with("MARK", marker) == []
 
 
+class AllBut:
+    """Told when it has been waited for in vain: what still runs."""
+
+    def __init__(self, runtime_dir: str) -> None:
+        self._runtime_dir = runtime_dir
+
+    def __str__(self) -> str:
+        pids = processes_with("XDG_RUNTIME_DIR", self._runtime_dir)
+        left = [Path(f"/proc/{pid}/cmdline").read_text().replace("\0", " ") for pid in pids]
+        return f"the end of all but the program; left are {left}"
+
+
 @every_kind
 def test_killed_launcher_takes_its_servers_along(kind: str) -> None:
     script = 'echo "$XDG_RUNTIME_DIR"; exec sleep 1000'
@@ -525,8 +537,7 @@ def test_killed_launcher_takes_its_servers_along(kind: str) -> None:
                    "bus, server and program")  # which has no environment while the shell becomes "sleep"
         launcher.kill()
         launcher.wait(TIMEOUT)
-        wait_until(lambda: len(processes_with("XDG_RUNTIME_DIR", runtime_dir)) <= 1, TIMEOUT,
-                   "the end of all but the program")
+        wait_until(lambda: len(processes_with("XDG_RUNTIME_DIR", runtime_dir)) <= 1, TIMEOUT, AllBut(runtime_dir))
     finally:
         end_processes_with("XDG_RUNTIME_DIR", runtime_dir)
         shutil.rmtree(Path(runtime_dir).parent)
