@@ -29,6 +29,10 @@ int g_synchronisations = 0;  // by the program itself
 
 struct _XDisplay;
 
+// Declared here, as Xlib's headers have macros with the names of gtest
+extern "C" _XDisplay* gdk_x11_display_get_xdisplay(GdkDisplay* display);
+extern "C" unsigned long gdk_x11_window_get_xid(GdkWindow* window);
+
 extern "C" int XSync(_XDisplay* display, int discard)
 {
     g_synchronisations += is_own_code(__builtin_return_address(0)) ? 1 : 0;
@@ -462,6 +466,33 @@ TEST_F(WindowOnScreen, WaitsForTheServerToReadThePictureBefore)
 TEST_F(TickOnScreen, ShowsTheStatusAsGtkPaintsIt)
 {
     expect_status_as_by_gtk("dark", {0, 1, 2, 9, 8, 3, 4, 0}, [](App&) {});
+}
+
+/// The X server keeps nothing of what another window covers, and asks for it with an expose event alone.
+TEST_F(TickOnScreen, IsWholeAgainAfterPartOfItWasLost)
+{
+    IdleApp app(SMALL_CARDS);
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    tick(app, 1);
+    ASSERT_TRUE(settle(app.m_window));
+    const Screenshot before(app.m_window);
+    const auto differing = [&] {
+        const Screenshot now(app.m_window);
+        int count = 0;
+        for (int y = 0; y < gtk_widget_get_allocated_height(app.m_window); ++y) {
+            for (int x = 0; x < gtk_widget_get_allocated_width(app.m_window); ++x) {
+                count += is_about(now.at(x, y), before.at(x, y), 0) ? 0 : 1;
+            }
+        }
+        return count;
+    };
+    _XDisplay* const display = gdk_x11_display_get_xdisplay(gdk_display_get_default());
+    const unsigned long window = gdk_x11_window_get_xid(gtk_widget_get_window(app.m_window));
+    next<int(_XDisplay*, unsigned long, unsigned long)>("XSetWindowBackground")(display, window, 0);
+    next<int(_XDisplay*, unsigned long, int, int, unsigned, unsigned, int)>("XClearArea")(display, window, 10, 10, 100, 100, TRUE);
+    EXPECT_GT(differing(), 1000) << "lost";
+    EXPECT_TRUE(iterate_until([&] { return differing() == 0; }));
 }
 
 /// Texts of which some have ink far above or below their room.
