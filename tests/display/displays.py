@@ -18,6 +18,7 @@ import os
 import shutil
 import signal
 import socket
+import subprocess
 import tempfile
 from abc import ABC, abstractmethod
 from collections.abc import Callable, Mapping, Sequence
@@ -377,6 +378,7 @@ class SwayDisplay(Display):
             "SWAYSOCK": str(self._control_socket),
         })
         name = _wait_for_server(self.server, self._socket_name)
+        _wait_for_server(self.server, self._answers)
         self.env |= {"WAYLAND_DISPLAY": name, "GDK_BACKEND": "wayland",
                      "XDG_SESSION_TYPE": "wayland", "SWAYSOCK": str(self._control_socket)}
 
@@ -388,6 +390,11 @@ class SwayDisplay(Display):
         """The name that sway has chosen for its socket, empty until it is ready for clients."""
         text = self._name_file.read_text() if self._name_file.exists() else ""
         return text.rstrip("\n") if text.endswith("\n") else ""
+
+    def _answers(self) -> bool:
+        """Whether sway has begun to look at events: a SIGTERM that comes before is forgotten by it."""
+        question = ["swaymsg", "--socket", str(self._control_socket), "--type", "get_version"]
+        return subprocess.run(question, env=self.env, capture_output=True, check=False).returncode == 0
 
     @property
     def _control_socket(self) -> Path:

@@ -10,7 +10,7 @@ import socket
 import struct
 import subprocess
 import sys
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Mapping, Sequence
 from pathlib import Path
 
 import numpy
@@ -526,6 +526,38 @@ class AllBut:
         pids = processes_with("XDG_RUNTIME_DIR", self._runtime_dir)
         left = [Path(f"/proc/{pid}/cmdline").read_text().replace("\0", " ") for pid in pids]
         return f"the end of all but the program; left are {left}"
+
+
+LATE_LOOP = """\
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <unistd.h>
+
+void wl_display_run(void* display)
+{
+    sleep(2);
+    ((void (*)(void*))dlsym(RTLD_NEXT, "wl_display_run"))(display);
+}
+"""
+
+
+class LateSway(SwayDisplay):
+    """Takes its time between its clients' start and its first look at events, as on a busy machine."""
+
+    def __init__(self, library: Path) -> None:
+        super().__init__()
+        self._library = library
+
+    def _serve(self, name: str, argv: Sequence[str], env_extra: Mapping[str, str] = {},
+               pass_fds: Sequence[int] = ()) -> Process:
+        return super()._serve(name, argv, {**env_extra, "LD_PRELOAD": str(self._library)}, pass_fds)
+
+
+def test_sway_obeys_from_its_start_on(tmp_path: Path) -> None:
+    library = tmp_path / "late.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-x", "c", "-"], input=LATE_LOOP, text=True, check=True)
+    with LateSway(library) as display:
+        assert display.server.end() == 0
 
 
 @every_kind
