@@ -78,7 +78,7 @@ def _words(*values: object) -> list[str]:
     return [str(value) for value in values]
 
 
-OURS, OURS_BY_DEFAULT = "vantric", "vantric, one column"
+OURS, OURS_BY_DEFAULT = "vantric", "vantric in one column"
 REFERENCE, EMPTY_WINDOW, PLAIN_READER = "gkrellm once a second", "empty window", "plain reader"
 
 PROGRAMS = {program.name: program for program in (

@@ -88,6 +88,9 @@ bool App::paint_exposed(const GdkEventExpose& event)
         return false;
     }
     const Damage damage = m_screen_image->take_damage();
+    if (damage.is_empty()) {
+        return true;
+    }
     cairo_t* const cr = m_screen_image->begin();
     damage.clip(cr);
     paint_window(cr, damage);

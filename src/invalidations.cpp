@@ -29,11 +29,12 @@ Invalidations::~Invalidations()
 }
 
 /// Clips at the end, as the window may have been larger meanwhile, and at the time of each part it may have been smaller.
-Damage Invalidations::take()
+Damage Invalidations::take(const GdkRectangle& part)
 {
-    const GdkRectangle all = all_of(m_window);
-    for (GdkRectangle& part : m_parts) {
-        gdk_rectangle_intersect(&part, &all, &part);  // which empties one that lies beside it
+    GdkRectangle place = all_of(m_window);
+    gdk_rectangle_intersect(&part, &place, &place);
+    for (GdkRectangle& invalid : m_parts) {
+        gdk_rectangle_intersect(&invalid, &place, &invalid);  // which empties one that lies beside it
     }
     Damage damage = Damage::of(m_parts);
     m_parts.clear();

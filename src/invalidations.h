@@ -17,8 +17,9 @@ public:
     Invalidations(const Invalidations&) = delete;
     Invalidations& operator=(const Invalidations&) = delete;
 
-    /// What has become invalid since the call before; at first all of the window.
-    Damage take();
+    /// What has become invalid in a part of the window since the call before; at first all of it. What lies outside of the part is
+    /// forgotten too.
+    Damage take(const GdkRectangle& part);
 
 private:
     static void note(GdkWindow* window, cairo_region_t* region);

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "invalidations.h"
+#include "screen_reach.h"
 
 namespace {
 
@@ -82,6 +83,8 @@ struct SharedImage::Memory {
     unsigned long last_put = 0;  ///< number of the request
     gint64 last_put_us = 0;
     std::optional<Invalidations> invalidations;
+    std::optional<ScreenReach> reach;
+    GdkRectangle reachable{};  ///< when damage was taken last
 
     Memory() { segment.shmid = -1; }
     ~Memory();
@@ -183,6 +186,7 @@ std::unique_ptr<SharedImage> SharedImage::of(GdkWindow* window)
     memory->gc = xlib().create_gc(memory->display, memory->window, 0, nullptr);
     memory->make_surface(window);
     memory->invalidations.emplace(window);
+    memory->reach.emplace(window);
     return std::unique_ptr<SharedImage>(new SharedImage(std::move(memory)));
 }
 
@@ -193,9 +197,12 @@ bool SharedImage::fits(GdkWindow* window) const
            m_memory->height == gdk_window_get_height(window) * scale && m_memory->window == GDK_WINDOW_XID(window);
 }
 
+/// What has come within reach since then is painted whole: the server may have asked for it when it was not yet known to be.
 Damage SharedImage::take_damage()
 {
-    return m_memory->invalidations->take();
+    const GdkRectangle before = std::exchange(m_memory->reachable, m_memory->reach->part());
+    const Damage invalid = m_memory->invalidations->take(m_memory->reachable);
+    return gdk_rectangle_equal(&before, &m_memory->reachable) ? invalid : Damage::of(std::vector{m_memory->reachable});
 }
 
 cairo_t* SharedImage::begin()

@@ -19,7 +19,8 @@ public:
 
     /// Whether the window still has that size and scale.
     bool fits(GdkWindow* window) const;
-    /// What of the window has become invalid since the call before; at first all of it. The window's expose events tell of too much.
+    /// What of the window has to be painted since the call before, as far as it can get onto the screen; at first all of that. The window's
+    /// expose events tell of too much.
     Damage take_damage();
     /// A context to paint on it in units of the window, with the screen's font options; to be destroyed. What was painted before stands
     /// there still. Waits until the server has read what was put up just before.

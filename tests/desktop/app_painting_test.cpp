@@ -180,20 +180,42 @@ int expect_ticks_as_by_gtk(App& app, int ticks = 3)
     return short_ways;
 }
 
+GdkRectangle all_of(GtkWidget* window)
+{
+    return {0, 0, gtk_widget_get_allocated_width(window), gtk_widget_get_allocated_height(window)};
+}
+
+/// What of the window lies on the screen.
+GdkRectangle part_on_screen(GtkWidget* window)
+{
+    GdkWindow* const root = gdk_screen_get_root_window(gtk_widget_get_screen(window));
+    int x = 0;
+    int y = 0;
+    gdk_window_get_origin(gtk_widget_get_window(window), &x, &y);
+    const GdkRectangle all = all_of(window);
+    GdkRectangle part{-x, -y, gdk_window_get_width(root), gdk_window_get_height(root)};
+    gdk_rectangle_intersect(&all, &part, &part);
+    return part;
+}
+
+/// How many pixels of a part of the screenshot are not those of a picture or of another screenshot.
+int count_differing(const Screenshot& screen, const auto& wanted, const GdkRectangle& part, int tolerance)
+{
+    int count = 0;
+    for (int y = part.y; y < part.y + part.height; ++y) {
+        for (int x = part.x; x < part.x + part.width; ++x) {
+            count += is_about(screen.at(x, y), wanted.at(x, y), tolerance) ? 0 : 1;
+        }
+    }
+    return count;
+}
+
 /// Whether a widget's place on the screen looks as GTK paints it.
 bool is_as_by_gtk(App& app, GtkWidget* widget)
 {
-    const Screenshot screen(app.m_window);
-    const Picture wanted = painted_by_gtk(app);
     GtkAllocation place;
     gtk_widget_get_clip(widget, &place);
-    bool is_alike = true;
-    for (int y = place.y; y < place.y + place.height; ++y) {
-        for (int x = place.x; x < place.x + place.width; ++x) {
-            is_alike = is_alike && is_about(screen.at(x, y), wanted.at(x, y), ROUNDING);
-        }
-    }
-    return is_alike;
+    return count_differing(Screenshot(app.m_window), painted_by_gtk(app), place, ROUNDING) == 0;
 }
 
 /// Where the screen is not as GTK paints it, beside the charts; empty if nowhere.
@@ -263,6 +285,33 @@ class ScaledWindowOnScreen : public DesktopTest {
 protected:
     const ScopedEnv scale{"GDK_SCALE", "2"};
 };
+
+/// Half a screen, for as long as it lives.
+class LowerScreen {
+public:
+    LowerScreen() { resize(m_height / 2); }
+    ~LowerScreen() { resize(m_height); }
+    LowerScreen(const LowerScreen&) = delete;
+    LowerScreen& operator=(const LowerScreen&) = delete;
+
+private:
+    void resize(int height) const
+    {
+        const std::string size = std::to_string(gdk_window_get_width(m_root)) + 'x' + std::to_string(height);
+        // which fails after it has done this, as the one monitor stays as high as it was
+        EXPECT_NE(std::system(("xrandr --fb " + size + " 2>/dev/null").c_str()), -1);
+        EXPECT_TRUE(iterate_until([&] { return gdk_window_get_height(m_root) == height; }));
+    }
+
+    GdkWindow* const m_root = gdk_screen_get_root_window(gdk_screen_get_default());
+    const int m_height = gdk_window_get_height(m_root);
+};
+
+GdkFilterReturn drop_exposures(GdkXEvent* event, GdkEvent*, gpointer)
+{
+    constexpr int EXPOSE = 12;  // Xlib's number
+    return *static_cast<const int*>(event) == EXPOSE ? GDK_FILTER_REMOVE : GDK_FILTER_CONTINUE;
+}
 
 /// Resources of the display, as a desktop sets them; gone at the end of the scope, as other cases share the display. They are told by
 /// another client, because Xlib and cairo ask for them when GTK opens the display.
@@ -477,22 +526,64 @@ TEST_F(TickOnScreen, IsWholeAgainAfterPartOfItWasLost)
     tick(app, 1);
     ASSERT_TRUE(settle(app.m_window));
     const Screenshot before(app.m_window);
-    const auto differing = [&] {
-        const Screenshot now(app.m_window);
-        int count = 0;
-        for (int y = 0; y < gtk_widget_get_allocated_height(app.m_window); ++y) {
-            for (int x = 0; x < gtk_widget_get_allocated_width(app.m_window); ++x) {
-                count += is_about(now.at(x, y), before.at(x, y), 0) ? 0 : 1;
-            }
-        }
-        return count;
-    };
+    const GdkRectangle all = all_of(app.m_window);
+    const auto differing = [&] { return count_differing(Screenshot(app.m_window), before, all, 0); };
     _XDisplay* const display = gdk_x11_display_get_xdisplay(gdk_display_get_default());
     const unsigned long window = gdk_x11_window_get_xid(gtk_widget_get_window(app.m_window));
     next<int(_XDisplay*, unsigned long, unsigned long)>("XSetWindowBackground")(display, window, 0);
     next<int(_XDisplay*, unsigned long, int, int, unsigned, unsigned, int)>("XClearArea")(display, window, 10, 10, 100, 100, TRUE);
     EXPECT_GT(differing(), 1000) << "lost";
     EXPECT_TRUE(iterate_until([&] { return differing() == 0; }));
+}
+
+/// The X server asks for what comes onto the screen from beside it.
+TEST_F(TickOnScreen, IsWholeWhereverAWindowLargerThanTheScreenStands)
+{
+    IdleApp app({.clusters = {100}});
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    ASSERT_GT(all_of(app.m_window).height, 2 * 1024);
+    for (const int top : {-300, -1500, -700, 0}) {
+        tick(app, 1);  // while most of the window is beside the screen
+        ASSERT_TRUE(settle(app.m_window));
+        gtk_window_move(GTK_WINDOW(app.m_window), 100, top);
+        ASSERT_TRUE(iterate_until([&] { return std::abs(part_on_screen(app.m_window).y + top) < 50; })) << "frame included";
+        ASSERT_TRUE(settle(app.m_window));
+        const GdkRectangle part = part_on_screen(app.m_window);
+        EXPECT_EQ(count_differing(Screenshot(app.m_window), painted_by_gtk(app), part, CURVES), 0) << top;
+        g_signal_connect(app.m_window, "draw", G_CALLBACK(App::draw_window), static_cast<App*>(&app));
+    }
+}
+
+TEST_F(TickOnScreen, PaintsOfAWindowLargerThanTheScreenWhatIsOnIt)
+{
+    IdleApp app({.clusters = {100}});
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    ASSERT_TRUE(settle(app.m_window));
+    tick(app, 1);
+    const GdkRectangle painted = app.m_screen_image->take_damage().bounds();
+    const GdkRectangle on_screen = part_on_screen(app.m_window);
+    EXPECT_GT(painted.height, 500);
+    EXPECT_LE(painted.y + painted.height, on_screen.y + on_screen.height + 1);
+}
+
+/// The server asks for what a larger screen shows, perhaps before GDK knows of that.
+TEST_F(TickOnScreen, IsWholeOnAScreenThatGrows)
+{
+    IdleApp app({.clusters = {100}});
+    apply(app, "light");
+    ASSERT_TRUE(app.show());
+    {
+        const LowerScreen lower;
+        apply(app, "dark");  // nothing of what stood there before is right
+        ASSERT_TRUE(settle(app.m_window));
+        gdk_window_add_filter(gtk_widget_get_window(app.m_window), drop_exposures, nullptr);  // as if they had come too early
+    }
+    gdk_window_remove_filter(gtk_widget_get_window(app.m_window), drop_exposures, nullptr);
+    tick(app, 1);
+    ASSERT_TRUE(settle(app.m_window));
+    EXPECT_EQ(count_differing(Screenshot(app.m_window), painted_by_gtk(app), part_on_screen(app.m_window), CURVES), 0);
 }
 
 /// Texts of which some have ink far above or below their room.

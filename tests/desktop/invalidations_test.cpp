@@ -7,6 +7,7 @@ namespace {
 
 constexpr int WIDTH = 300;
 constexpr int HEIGHT = 200;
+constexpr GdkRectangle ALL{0, 0, G_MAXINT, G_MAXINT};
 
 /// An open window in which nothing is invalid.
 class InvalidationsTest : public DesktopTest {
@@ -41,38 +42,50 @@ protected:
 TEST_F(InvalidationsTest, BeginWithAllOfTheWindow)
 {
     Invalidations invalidations(window());
-    EXPECT_EQ(invalidations.take().area(), whole().area());
-    EXPECT_TRUE(invalidations.take().is_empty());
+    EXPECT_EQ(invalidations.take(ALL).area(), whole().area());
+    EXPECT_TRUE(invalidations.take(ALL).is_empty());
 }
 
 TEST_F(InvalidationsTest, AreTheRectanglesAndNothingElse)
 {
     Invalidations invalidations(window());
-    invalidations.take();
+    invalidations.take(ALL);
     invalidate({10, 10, 20, 20});
     invalidate({20, 20, 20, 20});
     invalidate({100, 150, 500, 500});  // most of it beside the window
-    const Damage damage = invalidations.take();
+    const Damage damage = invalidations.take(ALL);
     EXPECT_EQ(damage.area(), 2 * 20 * 20 - 10 * 10 + damage.area_within({100, 150, 500, 500})) << "overlaps once";
     EXPECT_EQ(damage.area_within({100, 150, 500, 500}), whole().area_within({100, 150, 500, 500}));
-    EXPECT_TRUE(invalidations.take().is_empty());
+    EXPECT_TRUE(invalidations.take(ALL).is_empty());
+}
+
+TEST_F(InvalidationsTest, AreTakenWithinAPartAndForgottenOutside)
+{
+    Invalidations invalidations(window());
+    invalidations.take(ALL);
+    invalidate({0, 0, 20, 20});
+    invalidate({100, 100, 20, 20});
+    EXPECT_EQ(invalidations.take({10, 10, 20, 20}).area(), 10 * 10);
+    EXPECT_TRUE(invalidations.take(ALL).is_empty());
+    invalidate({100, 100, 20, 20});
+    EXPECT_TRUE(invalidations.take({0, 0, 10, 10}).is_empty());
 }
 
 /// The X server ends a program that puts up more than there is.
 TEST_F(InvalidationsTest, LieInTheWindowThoughItWasLargerMeanwhile)
 {
     Invalidations invalidations(window());
-    invalidations.take();
+    invalidations.take(ALL);
     const int width = gdk_window_get_width(window());
     const int height = gdk_window_get_height(window());
     gdk_window_resize(window(), 2 * width, 2 * height);
     ASSERT_TRUE(iterate_until([&] { return gdk_window_get_width(window()) == 2 * width; }));
-    invalidations.take();
+    invalidations.take(ALL);
     invalidate({width - 10, height - 10, 30, 30});
     invalidate({width + 10, height + 10, 30, 30});
     gdk_window_resize(window(), width, height);
     ASSERT_TRUE(iterate_until([&] { return gdk_window_get_width(window()) == width; }));
-    const GdkRectangle bounds = invalidations.take().bounds();
+    const GdkRectangle bounds = invalidations.take(ALL).bounds();
     EXPECT_EQ(bounds.x + bounds.width, width);
     EXPECT_EQ(bounds.y + bounds.height, height);
 }
@@ -90,12 +103,12 @@ TEST_F(InvalidationsTest, AreOneRectangleForGdk)
 TEST_F(InvalidationsTest, StayFewInAWindowThatNobodyPaints)
 {
     Invalidations invalidations(window());
-    invalidations.take();
+    invalidations.take(ALL);
     for (int i = 0; i < 20'000; ++i) {
         invalidate({2 * (i % 100), 2 * (i / 100 % 50), 1, 1});
     }
     EXPECT_LE(invalidations.m_parts.capacity(), 8192U);
-    const Damage damage = invalidations.take();
+    const Damage damage = invalidations.take(ALL);
     for (int i = 0; i < 5'000; ++i) {
         ASSERT_EQ(damage.area_within({2 * (i % 100), 2 * (i / 100 % 50), 1, 1}), 1) << i;
     }
