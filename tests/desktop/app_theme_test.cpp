@@ -227,6 +227,9 @@ protected:
         g_overheard.answer = g_variant_ref_sink(g_variant_new_tuple(&answer, 1));
         return App::system_prefers_dark();
     }
+
+    // Everybody's from here on, so that the program need not connect, for which a busy computer can take longer than the program waits.
+    SessionBus::Connection m_bus{next<decltype(g_bus_get_sync)>("g_bus_get_sync")(G_BUS_TYPE_SESSION, nullptr, nullptr)};
 };
 
 // --- the decision ---
@@ -626,6 +629,7 @@ TEST_F(AppTheme, QueuedApplyingTakesTheSettingsOfItsMoment)
 
 TEST_F(AppTheme, WatchingSubscribesToThePortalAndKeepsTheBus)
 {
+    m_bus.reset();  // the program alone is to keep it
     IdleApp app;
     GDBusConnection* const bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
     ASSERT_NE(bus, nullptr);
