@@ -1,6 +1,7 @@
 /// Each control gets its style class, its size and, for screen readers, its description here.
 #include "dialog_rows.h"
 
+#include "gtk_workarounds.h"
 #include "theme.h"
 
 namespace {
@@ -40,6 +41,7 @@ GtkWidget* create_combo_row(const char* label, const std::vector<Choice>& choice
     }
     gtk_combo_box_set_wrap_width(GTK_COMBO_BOX(combo), wrap_width);
     gtk_combo_box_set_active_id(GTK_COMBO_BOX(combo), active.c_str());
+    let_menu_fail(combo);
     handlers.connect(combo, "changed", on_changed);
     add_class(combo, "settings-combo");
     gtk_widget_set_size_request(combo, COMBO_WIDTH, -1);

@@ -41,6 +41,23 @@ gboolean on_expander_focus(GtkWidget* expander, GtkDirectionType direction, gpoi
     return TRUE;
 }
 
+gboolean cancel_unopened(gpointer menu)
+{
+    if (gtk_widget_has_grab(GTK_WIDGET(menu)) && !gtk_widget_get_mapped(GTK_WIDGET(menu))) {
+        gtk_menu_shell_cancel(GTK_MENU_SHELL(menu));
+    }
+    return G_SOURCE_REMOVE;
+}
+
+/// Comes while the menu is on its way to that; it can be cancelled only afterwards.
+void on_grab_notify(GtkWidget*, gboolean was_grabbed, gpointer)
+{
+    GtkWidget* const grab = gtk_grab_get_current();
+    if (was_grabbed == FALSE && grab != nullptr && GTK_IS_MENU_SHELL(grab) && !gtk_widget_get_mapped(grab)) {
+        g_idle_add_full(G_PRIORITY_HIGH, cancel_unopened, g_object_ref(grab), g_object_unref);
+    }
+}
+
 }  // namespace
 
 void mirror_expander(GtkWidget* expander)
@@ -90,6 +107,13 @@ void close_color_choosers()
         }
     }
     g_list_free(windows);
+}
+
+void let_menu_fail(GtkWidget* combo)
+{
+    AtkObject* const menu = gtk_combo_box_get_popup_accessible(GTK_COMBO_BOX(combo));
+    gtk_widget_realize(gtk_widget_get_toplevel(gtk_accessible_get_widget(GTK_ACCESSIBLE(menu))));
+    g_signal_connect(combo, "grab-notify", G_CALLBACK(on_grab_notify), nullptr);
 }
 
 void close_menu()

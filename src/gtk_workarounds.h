@@ -25,6 +25,10 @@ GtkWidget* create_link_button(const char* uri, const char* label);
 /// way out a chooser with a menu, or one that was just closed, gives the focus to a widget that is already gone.
 void close_color_choosers();
 
+/// Lets the menu of a combo box fail to open, as it does while another program holds the pointer: GTK then gives all that is pressed to the
+/// menu that nobody sees, for good, and warns of a window that this does not have.
+void let_menu_fail(GtkWidget* combo);
+
 /// Closes the menu that is open, if one is. To be called before the widgets go that have opened it: GTK leaves the pointer to the menu of a
 /// link that is gone, and the focus to a colour of the chooser that went with its menu.
 void close_menu();

@@ -200,7 +200,8 @@ class RandomUser:
         assert self._monitor.status == 0
 
     def _check_words_and_files(self) -> None:
-        assert [line for line in self._monitor.complaints().splitlines() if not line.startswith(TRACE)] == []
+        complaints = [line for line in self._monitor.complaints().splitlines() if not line.startswith(TRACE)]
+        assert not complaints, "\n".join(complaints)
         if self._dialog.settings_file.exists():
             saved = json.loads(self._dialog.settings_file.read_text())
             assert set(saved) in ({*DEFAULTS}, {*json.loads(settings_text())}), "keys of a file that was saved, or of the first one"

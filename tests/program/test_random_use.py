@@ -23,7 +23,7 @@ ACTS = 240 if SECONDS else 60  # from one new start to the next
 ENOUGH_CHANGES = 2  # values of a setting that were saved; else nothing would have been tried
 
 
-def random_use_of_choosers(displays: ExitStack, machines: ExitStack, start: Start, tmp_path: Path) -> None:
+def test_random_use_of_choosers(displays: ExitStack, machines: ExitStack, start: Start, tmp_path: Path) -> None:
     """In haste: what it finds, it finds within minutes."""
     home = tmp_path / "kept"
     write_settings(home, settings_text())
@@ -55,7 +55,3 @@ def test_random_use(displays: ExitStack, machines: ExitStack, start: Start, tmp_
     values = {key: len(values) for key, values in user.seen.items()}
     print(f"{dict(user.done)}\n{values}")
     assert max(values.values()) >= ENOUGH_CHANGES
-
-
-if SECONDS:
-    test_random_use_of_choosers = random_use_of_choosers
