@@ -58,6 +58,26 @@ void on_grab_notify(GtkWidget*, gboolean was_grabbed, gpointer)
     }
 }
 
+/// Comes before GTK opens the menu.
+gboolean on_combo_event(GtkWidget*, const GdkEvent* event, gpointer combo)
+{
+    for (GList* menu = event->type == GDK_BUTTON_PRESS ? gtk_menu_get_for_attach_widget(GTK_WIDGET(combo)) : nullptr; menu != nullptr;
+         menu = menu->next) {
+        gtk_widget_realize(gtk_widget_get_toplevel(GTK_WIDGET(menu->data)));
+    }
+    return GDK_EVENT_PROPAGATE;
+}
+
+/// Looks for the button of a combo box in one of its parts.
+void watch_button_of(GtkWidget* part, gpointer combo)
+{
+    if (GTK_IS_TOGGLE_BUTTON(part)) {
+        g_signal_connect(part, "event", G_CALLBACK(on_combo_event), combo);
+    } else if (GTK_IS_CONTAINER(part)) {
+        gtk_container_forall(GTK_CONTAINER(part), watch_button_of, combo);
+    }
+}
+
 }  // namespace
 
 void mirror_expander(GtkWidget* expander)
@@ -111,9 +131,8 @@ void close_color_choosers()
 
 void let_menu_fail(GtkWidget* combo)
 {
-    AtkObject* const menu = gtk_combo_box_get_popup_accessible(GTK_COMBO_BOX(combo));
-    gtk_widget_realize(gtk_widget_get_toplevel(gtk_accessible_get_widget(GTK_ACCESSIBLE(menu))));
     g_signal_connect(combo, "grab-notify", G_CALLBACK(on_grab_notify), nullptr);
+    watch_button_of(combo, combo);
 }
 
 void close_menu()
