@@ -89,7 +89,7 @@ bool App::paint_exposed(const GdkEventExpose& event)
     }
     const Damage damage = m_screen_image->take_damage();
     if (damage.is_empty()) {
-        return true;
+        return true;  // all of it lies beside the screen
     }
     cairo_t* const cr = m_screen_image->begin();
     damage.clip(cr);

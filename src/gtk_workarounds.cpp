@@ -49,7 +49,7 @@ gboolean cancel_unopened(gpointer menu)
     return G_SOURCE_REMOVE;
 }
 
-/// Comes while the menu is on its way to that; it can be cancelled only afterwards.
+/// Comes while GTK gives the menu the grab; it can be cancelled only afterwards, and before the next event.
 void on_grab_notify(GtkWidget*, gboolean was_grabbed, gpointer)
 {
     GtkWidget* const grab = gtk_grab_get_current();
@@ -58,12 +58,13 @@ void on_grab_notify(GtkWidget*, gboolean was_grabbed, gpointer)
     }
 }
 
-/// Comes before GTK opens the menu.
+/// Gives the menu its window just before GTK opens it: one for each menu of a dialog that is built anew with each change would be too many.
 gboolean on_combo_event(GtkWidget*, const GdkEvent* event, gpointer combo)
 {
-    for (GList* menu = event->type == GDK_BUTTON_PRESS ? gtk_menu_get_for_attach_widget(GTK_WIDGET(combo)) : nullptr; menu != nullptr;
-         menu = menu->next) {
-        gtk_widget_realize(gtk_widget_get_toplevel(GTK_WIDGET(menu->data)));
+    if (event->type == GDK_BUTTON_PRESS) {
+        for (GList* menu = gtk_menu_get_for_attach_widget(GTK_WIDGET(combo)); menu != nullptr; menu = menu->next) {
+            gtk_widget_realize(gtk_widget_get_toplevel(GTK_WIDGET(menu->data)));
+        }
     }
     return GDK_EVENT_PROPAGATE;
 }

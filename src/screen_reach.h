@@ -1,4 +1,4 @@
-/// What of a window can get onto the screen. Main thread only. Source: the X server; elsewhere it is always the whole.
+/// What of a window can get onto the screen of an X server, which is the source. Main thread only.
 #pragma once
 
 #include <gdk/gdk.h>
