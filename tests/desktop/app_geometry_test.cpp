@@ -1,6 +1,7 @@
 /// The window's geometry: what a start makes of the stored record, and which events write it, each in its own way.
 #include <signal.h>
 
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -436,7 +437,7 @@ TEST_F(Signals, SaveInAFreezeToo)
         SettingsStore::instance().mutable_get().orientation = "horizontal";
         app.rebuild_layout();
         g_overheard.made_up = WindowRect{-31, 41, 712, 823};
-        kill(getpid(), SIGTERM);
+        std::raise(SIGTERM);  // for this thread: another one would pass it on some time
     });
     EXPECT_TRUE(app.m_freeze_geometry_save);
     EXPECT_EQ(stored(VERTICAL), "711x822 at -30,40, 1 columns");
