@@ -48,6 +48,11 @@ class Outcome:
         return ((self.window == PAINTED or other.window != PAINTED) and (self.used or not other.used)
                 and (self.status == 0 or other.status != 0) and (self.words == "" or other.words != ""))
 
+    @property
+    def is_ended_for_want_of_a_thread(self) -> bool:
+        """Whether GLib has ended the program, as a library's thread could not be started."""
+        return self.status == -signal.SIGTRAP and "GLib-ERROR" in self.words and "creating thread" in self.words
+
 
 class Patient:
     """A program that has calls fail, in use."""
