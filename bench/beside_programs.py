@@ -43,7 +43,7 @@ class Shape:
 class Folders:
     """Where our own programs lie."""
     vantric: Path  # the program itself
-    floors: Path  # the folder of empty_window, charts_only and plain_reader
+    floors: Path  # the folder of empty_window, widgets_only, charts_only and plain_reader
 
 
 @dataclass(frozen=True)
@@ -89,6 +89,7 @@ PROGRAMS = {program.name: program for program in (
     Program("conky", lambda ours, shape: _words("conky", "-q", "-c", PEERS / "conky.lua")),
     Program("gnome-system-monitor", lambda ours, shape: ["gnome-system-monitor"], _configure_system_monitor),
     Program(EMPTY_WINDOW, lambda ours, shape: _words(ours.floors / "empty_window", *shape.size), in_each_round=True),
+    Program("widgets only", lambda ours, shape: _words(ours.floors / "widgets_only", shape.cpus, shape.columns, *shape.size)),
     Program("charts only", lambda ours, shape: _words(ours.floors / "charts_only", shape.cpus, shape.columns, *shape.size)),
     Program(PLAIN_READER, lambda ours, shape: _words(ours.floors / "plain_reader", *FILES_OF_A_PASS), has_window=False),
 )}
