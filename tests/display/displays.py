@@ -304,7 +304,7 @@ class XDisplay(X11Windows, Display):
 
 
 class TwoMonitors(XDisplay):
-    """An X server with two monitors side by side (Xorg), of which the left is the primary one."""
+    """An X server with two monitors side by side (Xorg), of which the left is the primary one until it is put to the right."""
 
     MONITOR = (1024, 768)  #: pixels of each; what the driver offers by itself
 
@@ -327,8 +327,14 @@ class TwoMonitors(XDisplay):
         return f"{self.MONITOR[0]}x{self.MONITOR[1]}"
 
     def plug_in(self) -> None:
-        run_tool(["xrandr", "--output", "DUMMY0", "--mode", self._mode, "--pos", "0x0", "--primary",
-                  "--output", "DUMMY1", "--mode", self._mode, "--pos", f"{self.MONITOR[0]}x0"],
+        self._place(primary=0, second=self.MONITOR[0])
+
+    def put_primary_right(self) -> None:
+        self._place(primary=self.MONITOR[0], second=0)
+
+    def _place(self, primary: int, second: int) -> None:
+        run_tool(["xrandr", "--output", "DUMMY0", "--mode", self._mode, "--pos", f"{primary}x0", "--primary",
+                  "--output", "DUMMY1", "--mode", self._mode, "--pos", f"{second}x0"],
                  self.env)
         run_tool(["xrandr", "--query"], self.env)  # lets the server notice that it is connected
 
