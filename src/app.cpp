@@ -27,12 +27,13 @@ App* g_app_instance = nullptr;  // how the signal handler finds the application;
 
 /// SIGINT and SIGTERM: saves the geometry, with the position as reported even on Wayland and in the middle of a rebuild, and ends the
 /// main loop. Runs in signal context, at the instants that SignalGate allows. Before the main loop runs GTK refuses to end it, and
-/// the program carries on into it.
+/// the program carries on into it. A signal that comes meanwhile waits: it would be handled in the midst of Xlib or the allocator.
 void signal_handler(int sig)
 {
     if (SignalGate::pass_to_main_thread(sig)) {
         return;
     }
+    SignalGate::close();      // until the kernel puts back the mask that was in force
     const int error = errno;  // of whatever the signal has interrupted
     if (g_app_instance != nullptr && !g_app_instance->is_window_closed()) {
         const WindowRect rect = WindowRect::of(g_app_instance->window());

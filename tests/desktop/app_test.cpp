@@ -37,6 +37,7 @@ struct Overheard {
     const std::thread::id main_thread = std::this_thread::get_id();
     std::function<void()> before_show_all;
     std::function<void()> at_show_all;
+    std::function<void()> at_quit;
 
     bool listens() const { return app != nullptr && std::this_thread::get_id() == main_thread; }
     void note(const std::string& call)
@@ -138,6 +139,14 @@ void gtk_main()
     next<decltype(gtk_main)>("gtk_main")();
 }
 
+void gtk_main_quit()
+{
+    if (g_overheard.at_quit) {
+        g_overheard.at_quit();
+    }
+    next<decltype(gtk_main_quit)>("gtk_main_quit")();
+}
+
 FILE* fopen64(const char* path, const char* mode)
 {
     const std::string name = path;
@@ -208,6 +217,7 @@ struct Listening {
         g_overheard.app = nullptr;
         g_overheard.before_show_all = nullptr;
         g_overheard.at_show_all = nullptr;
+        g_overheard.at_quit = nullptr;
     }
     Listening(const Listening&) = delete;
     Listening& operator=(const Listening&) = delete;
@@ -815,6 +825,24 @@ TEST_F(Signals, SigintAfterARefusedOneEndsTheMainLoop)
                   app, [] { kill(getpid(), SIGINT); }, End::BY_ITSELF),
               0);
     Messages::instance().take();
+}
+
+TEST_F(Signals, OneThatComesWhileTheOtherIsHandledWaits)
+{
+    App app;
+    const Listening listening(app);
+    std::vector<std::string> steps;
+    g_overheard.at_quit = [&] {
+        steps.emplace_back("begins");
+        if (steps.size() == 1) {
+            std::raise(SIGTERM);
+        }
+        steps.emplace_back("ends");
+    };
+    EXPECT_EQ(run_app(
+                  app, [] { std::raise(SIGINT); }, End::BY_ITSELF),
+              0);
+    EXPECT_THAT(steps, ElementsAre("begins", "ends", "begins", "ends"));
 }
 
 TEST_F(Signals, SigtermEndsTheMainLoopThoughALibraryPollsByItself)
