@@ -37,7 +37,7 @@ constexpr auto GRACE = std::chrono::seconds(5);  // what is still going on after
 constexpr long PERCENT_MORE = 2;  // allocations of a frame, in which more or fewer texts may have been measured already
 
 // Bytes of the heap
-constexpr long TICKS_MAY_ADD = 4096;        // all together: a tick has no cache to fill
+constexpr long TICKS_MAY_ADD = 1024;        // all together: a tick has no cache to fill
 constexpr long FRAMES_MAY_ADD = 16 * 1024;  // each time: some texts in new sizes
 constexpr long CACHES = 2 * 1024 * 1024;    // of letters above all: cairo keeps them in hundreds of sizes, and drops many at a time
 
@@ -336,20 +336,25 @@ protected:
         return all_that_is_held();
     }
 
-    /// Bytes that the heap gains by so many ticks, between two moments at which the program has the same readings.
+    /// Bytes of the heap after so many ticks without a frame, and another minute that is always the same.
+    long heap_after_ticks(std::size_t ticks)
+    {
+        for (std::size_t i = 0; i < ticks; ++i) {
+            m_moving->step_to(m_step);
+            tick();
+        }
+        relive_a_minute();
+        return heap_in_use();
+    }
+
+    /// Bytes that the heap gains by so many ticks, after a minute of them: whatever ticks without a frame make once has then been made.
     long growth_by_ticks(int ticks)
     {
         if (!HEAP_IS_OURS) {
             return 0;
         }
-        relive_a_minute();
-        const long before = heap_in_use();
-        for (int i = 0; i < ticks; ++i) {
-            m_moving->step_to(m_step);
-            tick();
-        }
-        relive_a_minute();
-        return heap_in_use() - before;
+        const long before = heap_after_ticks(MINUTE);
+        return heap_after_ticks(static_cast<std::size_t>(ticks)) - before;
     }
 
     /// Bytes that the heap gains by the same frames as before. Now and then a cache grows just then, so it is the best of some tries.
