@@ -259,11 +259,12 @@ def test_columns_belong_to_their_title_and_tell_their_number(x11: XDisplay, star
     opened = dialog.open()
     assert labels_of(dialog.monitor, columns_parts(opened)) == [texts.columns] * 3
     assert bus.descriptions([opened.fewer.address, opened.more.address]) == ["2", "2"]
+    buttons = {button.address for button in (opened.fewer, opened.more)}
     with bus.changes("description") as changes:
         for press, number in ((opened.more, "3"), (opened.more, "4"), (opened.fewer, "3")):
             dialog.press(press)
-            told_of = {PropertyChange(button.address, number) for button in (opened.fewer, opened.more)}
-            wait_until(lambda: told_of <= set(changes()[-2:]), TIMEOUT, f"news of {number}")
+            told_of = {PropertyChange(button, number) for button in buttons}
+            wait_until(lambda: told_of <= set([news for news in changes() if news.address in buttons][-2:]), TIMEOUT, f"news of {number}")
     assert bus.descriptions([opened.fewer.address, opened.more.address]) == ["3", "3"]
     horizontal = dialog.choose_orientation("horizontal")
     assert labels_of(dialog.monitor, columns_parts(horizontal)) == [texts.columns] * 3
