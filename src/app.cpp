@@ -120,12 +120,7 @@ App::~App()
     if (m_sys_metrics) {
         m_sys_metrics->stop();
     }
-    for (ClusterUI& ui : m_clusters_ui) {
-        g_clear_object(&ui.section_hdr);
-        for (CoreWidgets& widgets : ui.cores) {
-            g_clear_object(&widgets.card);
-        }
-    }
+    release_sections();
     g_clear_object(&m_css);
     gdk_event_handler_set([](GdkEvent* event, gpointer) { gtk_main_do_event(event); }, nullptr, nullptr);
 }
@@ -134,9 +129,9 @@ int App::run(int argc, char** argv)
 {
     keep_heap_small();
     g_app_instance = this;
+    SignalGate::close();  // before there is a handler: with no window yet, it would save an empty geometry
     std::signal(SIGINT, signal_handler);
     std::signal(SIGTERM, signal_handler);
-    SignalGate::close();
     begin_to_read_fonts();
     const SessionBus::Connection bus = connect_for_accessibility();  // kept until watch_system_theme() has it, too
     init_gtk(argc, argv);

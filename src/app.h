@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,7 +50,8 @@ class App {
 public:
     // --- app.cpp: life cycle and tick ---
 
-    /// Creates both sampling objects; what SystemMetrics finds out at construction is ready for run(). Starts no thread.
+    /// Creates both sampling objects; what SystemMetrics finds out at construction is ready for run(), and what it throws is passed on.
+    /// Starts no thread.
     App();
     /// Ends both sampling threads, which takes up to about a second. Leaves the window to the end of the process.
     ~App();
@@ -73,11 +73,11 @@ private:
     /// Latest copy of all measured values. Only the tick writes it, so painters and label updates never take a sampler's lock.
     struct Cache {
         std::vector<CoreStats> cores;
-        double total = 0.0;                ///< 0.0 to 1.0
-        std::deque<double> total_history;  ///< oldest first
-        std::vector<double> frequencies;   ///< MHz, by CPU number; may be short
-        std::vector<double> max_frequencies;
-        double mem_used_gb = -1.0;  ///< GiB; -1.0 until measured
+        double total = 0.0;                   ///< 0.0 to 1.0
+        std::deque<double> total_history;     ///< oldest first
+        std::vector<double> frequencies;      ///< MHz, by CPU number; may be short
+        std::vector<double> max_frequencies;  ///< likewise; 0.0 where it is unknown
+        double mem_used_gb = -1.0;            ///< GiB; -1.0 until measured
         double mem_total_gb = -1.0;
     };
 
@@ -128,7 +128,7 @@ private:
     // --- app_window.cpp: the window, its monitor and its geometry ---
 
     void create_window();
-    /// The stored width and height where they are sane, else the defaults of the orientation.
+    /// The stored width if it is positive, the stored height if it is believable, else the defaults of the orientation.
     void initial_window_size(const WindowGeometry& stored, int& width, int& height) const;
     void place_window(const WindowGeometry& stored, int width, int height);
     void limit_window_size();
@@ -228,8 +228,6 @@ private:
     static std::string card_title(std::int32_t cpu_index);
     GtkWidget* create_core_card(int cpu_index, int color_index);
     GtkWidget* create_section_header(const CpuCluster& cluster);
-    /// The rated clock of a section, such as "3.600 GHz" or "800 MHz".
-    static std::string frequency_caption(double mhz);
     /// `extra` goes on top of the panel; may be null. Sets m_right_info_label, m_throttle_label and m_total_chart.
     GtkWidget* create_total_panel(GtkWidget* extra);
     GtkWidget* create_status_row(GtkWidget* panel);

@@ -144,7 +144,7 @@ GtkWidget* App::create_section_header(const CpuCluster& cluster)
     g_object_set_data(G_OBJECT(header), "name_label", name_label);
 
     if (cluster.max_freq_mhz > 0) {
-        pack_start(header, create_label(frequency_caption(cluster.max_freq_mhz), 0.0, "group-freq"), Fill::NO);
+        pack_start(header, create_label(freq_texts(cluster.max_freq_mhz).front(), 0.0, "group-freq"), Fill::NO);
     }
     return header;
 }
@@ -188,17 +188,6 @@ GtkWidget* App::create_status_row(GtkWidget* panel)
     pack_end(row, m_throttle_label, STATUS_LABEL_PADDING);
     make_layout_boundary(row);
     return row;
-}
-
-std::string App::frequency_caption(double mhz)
-{
-    char text[32];
-    if (mhz >= ChartLook::MHZ_PER_GHZ) {
-        std::snprintf(text, sizeof text, "%.3f GHz", mhz / ChartLook::MHZ_PER_GHZ);
-    } else {
-        std::snprintf(text, sizeof text, "%.0f MHz", mhz);
-    }
-    return text;
 }
 
 void App::tell_new_names() const

@@ -117,7 +117,7 @@ ChartPainter::Chart App::chart_of(GtkWidget* chart, const GdkRectangle& area) co
         return {.area = area,
                 .history = m_cache.total_history,
                 .accent = accent,
-                .mhz = total_frequency(),
+                .mhz = frequency_of(meta),
                 .load = m_cache.total,
                 .load_color = color};
     }
@@ -125,7 +125,7 @@ ChartPainter::Chart App::chart_of(GtkWidget* chart, const GdkRectangle& area) co
     return {.area = area,
             .history = cpu < m_cache.cores.size() ? m_cache.cores[cpu].history : NO_HISTORY,
             .accent = accent,
-            .mhz = cpu < m_cache.frequencies.size() ? m_cache.frequencies[cpu] : 0.0,
+            .mhz = frequency_of(meta),
             .load = -1.0,
             .load_color = {}};
 }

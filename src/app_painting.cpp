@@ -9,7 +9,6 @@
 ///
 /// The first two are our own canvas, m_paints_own_canvas. All ways lead to the same picture.
 #include <algorithm>
-#include <utility>
 
 #include "app.h"
 #include "pixel_canvas.h"

@@ -23,6 +23,6 @@ inline constexpr const char* APP_VERSION = "1.15";
 inline constexpr const char* WEB_SITE = VANTRIC_WEB_SITE;                // behind a link of the about text
 inline constexpr const char* CONTACT_ADDRESS = VANTRIC_CONTACT_ADDRESS;  // likewise, as a mailto: link
 inline constexpr const char* CRASH_MAILBOX = VANTRIC_CRASH_MAILBOX;      // receives crash reports, if the user sends them
-inline constexpr const char* ABOUT_YEAR = "2026";                        // last line of the about text
+inline constexpr const char* ABOUT_YEAR = "2026";                        // in the about text
 
 }  // namespace BuildConfig

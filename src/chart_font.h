@@ -37,7 +37,7 @@ private:
     std::vector<Character> m_characters;  ///< those that have been asked for, some twenty: clocks and percentages
 };
 
-/// The sizes of the font that are in use, for one scale and one set of font options at a time.
+/// The sizes of the font that are in use, for one scale at a time.
 class ChartFonts {
 public:
     /// Borrowed, until the next call. The context's matrix may shift, and scale by its device's scale alone.

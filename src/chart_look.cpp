@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr double MHZ_PER_GHZ = 1000.0;
+
 constexpr double GRID_LINE_WIDTH = 0.5;
 
 constexpr int OVERLAY_MIN_WIDTH = 40;  // the chart must be wider than this

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "cpu_reader.h"
 #include "curve_coverage.h"
@@ -18,8 +17,6 @@ namespace ChartLook {
 
 constexpr int MAX_POINTS = static_cast<int>(CPUReader::HISTORY_SIZE);  ///< a chart always spans a whole history
 constexpr CurveLook CURVE{.line_width = 1.2, .line_alpha = 0.85, .fill_alpha_top = 0.55, .fill_alpha_bottom = 0.04};
-
-constexpr double MHZ_PER_GHZ = 1000.0;
 
 /// A load as it is shown and told everywhere, in whole per cent.
 std::string load_text(double load);

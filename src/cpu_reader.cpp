@@ -123,7 +123,7 @@ double CPUReader::calc_usage(const RawStat& prev, const RawStat& curr)
     if (total_diff == 0) {
         return 0.0;
     }
-    // Unsigned throughout: iowait can step back, and the huge difference that this gives is clamped to a full load for one sample.
+    // Unsigned throughout: iowait can step back, and where it takes the idle time with it, the huge difference is clamped for one sample.
     const std::uint64_t busy_diff = total_diff - idle_diff;
     return std::clamp(static_cast<double>(busy_diff) / static_cast<double>(total_diff), 0.0, 1.0);
 }

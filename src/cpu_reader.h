@@ -62,7 +62,7 @@ private:
     /// The per-CPU lines in file order; empty if /proc/stat can't be read. What is missing or malformed in a line is 0.
     std::vector<RawStat> parse_proc_stat();
 
-    /// Load between two readings, 0.0 to 1.0; 0.0 if no time passed. A counter that stepped back gives 1.0.
+    /// Load between two readings, 0.0 to 1.0; 0.0 if no time passed. Where a counter stepped back it is still in that range.
     static double calc_usage(const RawStat& prev, const RawStat& curr);
 
     void publish(std::vector<RawStat>&& curr_stats);

@@ -1,3 +1,5 @@
+// How a curve becomes opacity, and opacity pixels.
+//
 // The chart is painted in blocks of 8 columns: a row of a block is what the processor works on at once. In each block, the rows above the
 // line are left alone, those below it are filled, and for those between, the area and the line are added up in cells.
 //
@@ -16,11 +18,10 @@
 // The line is what lies below its upper edge, less what lies below its lower one.
 //
 // Known differences from cairo: cairo samples most edges in 15 rows to a pixel, this is exact but for rounding, and for edges flatter than
-// LEVEL_SLOPE, which have one height in each column. The largest difference in noisy charts is 16 levels, the mean a quarter of one.
+// FLAT_SLOPE, which have one height in each column. The largest difference in noisy charts is 16 levels, the mean a quarter of one.
 #include "curve_coverage.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -29,11 +30,11 @@ namespace {
 constexpr int COLUMNS = 8;                       // of a block
 constexpr std::ptrdiff_t NEXT_ROW = COLUMNS;     // from a cell to the one below
 constexpr int BLOCK_ROWS = 64;                   // at once; a higher one takes several turns
-constexpr int BEND_ROWS = 3;                     // cells that the beginning or end of an edge takes
+constexpr int RAMP_END_ROWS = 3;                 // cells that the beginning or end of an edge takes
 constexpr int OPAQUE = 255;                      // levels of opacity
 constexpr int LEVEL_BITS = 6;                    // a level is so many times halved in cells
 constexpr float COVERED = OPAQUE << LEVEL_BITS;  // a pixel that is covered wholly
-constexpr float LEVEL_SLOPE = 1.0F / 16;         // an edge of less has one height in each column
+constexpr float FLAT_SLOPE = 1.0F / 16;          // an edge of less has one height in each column
 constexpr std::size_t BYTES = 4;                 // of a pixel
 
 /// A number for each pixel in a row of a block. Compilers know such types, and what the processor has for them.
@@ -103,18 +104,14 @@ std::uint32_t pixel_of(const Rgb& color)
     return 0xFF000000U | channel(color.r) << 16U | channel(color.g) << 8U | channel(color.b);
 }
 
-}  // namespace
-
-namespace {
-
 /// What the beginning of a ramp makes of three cells below each other: from there on, coverage grows by `gain` from row to row.
-struct Bend {
+struct RampEnd {
     int row;
     int first;
     int second;
     int third;
 
-    Bend(float y, int gain) : row(static_cast<int>(y))
+    RampEnd(float y, int gain) : row(static_cast<int>(y))
     {
         const float above = y - static_cast<float>(row);
         const float below = 1 - above;
@@ -144,7 +141,7 @@ class CurveCoverage::Cells {
 public:
     explicit Cells(int row_count) : m_bottom(static_cast<float>(row_count))
     {
-        std::memset(m_rows, 0, (static_cast<std::size_t>(row_count) + BEND_ROWS) * sizeof(Row));
+        std::memset(m_rows, 0, (static_cast<std::size_t>(row_count) + RAMP_END_ROWS) * sizeof(Row));
     }
 
     /// Adds what lies below a chain; `top` is the y of the first row. A pixel that is covered wholly counts `covered`.
@@ -168,13 +165,13 @@ private:
     void begin_ramp(Ramp& ramp, const Edge& edge, float covered);
     void end_ramp(Ramp& ramp);
     void add_cut(const Edge& edge, float covered);
-    void add_level(const Edge& edge, float covered);
+    void add_flat(const Edge& edge, float covered);
     std::uint16_t* cell(int row, int column) { return reinterpret_cast<std::uint16_t*>(m_rows) + row * NEXT_ROW + column; }
 
     const float m_bottom;
     Row m_change{};
     Row m_sum{};
-    Row m_rows[BLOCK_ROWS + BEND_ROWS];
+    Row m_rows[BLOCK_ROWS + RAMP_END_ROWS];
 };
 
 void CurveCoverage::Cells::add(const Edges& edges, float top, float covered)
@@ -186,14 +183,14 @@ void CurveCoverage::Cells::add(const Edges& edges, float top, float covered)
         edge.y_right -= top;
         const float highest = std::min(edge.y_left, edge.y_right);
         const float lowest = std::max(edge.y_left, edge.y_right);
-        const bool is_level = lowest <= 0 || std::abs(edge.slope) < LEVEL_SLOPE;
-        if (!is_level && highest >= 0 && lowest <= m_bottom) {
+        const bool is_flat = lowest <= 0 || std::abs(edge.slope) < FLAT_SLOPE;
+        if (!is_flat && highest >= 0 && lowest <= m_bottom) {
             begin_ramp(ramp, edge, covered);
             continue;
         }
         end_ramp(ramp);
-        if (is_level && highest < m_bottom) {
-            add_level(edge, covered);
+        if (is_flat && highest < m_bottom) {
+            add_flat(edge, covered);
         } else if (highest < m_bottom) {
             add_cut(edge, covered);
         }
@@ -209,10 +206,10 @@ inline void CurveCoverage::Cells::begin_ramp(Ramp& ramp, const Edge& edge, float
     if (ramp.gain != 0 && !(ramp.right == edge.left && ramp.y_right == edge.y_left && ramp.column == column)) {
         end_ramp(ramp);
     }
-    const Bend begin(edge.y_left, gain - ramp.gain);
+    const RampEnd begin(edge.y_left, gain - ramp.gain);
     begin.add_to(cell(begin.row, column));
     for (; static_cast<float>(column + 1) < edge.right; ++column) {
-        const Bend crossing(edge.y(static_cast<float>(column + 1)), gain);
+        const RampEnd crossing(edge.y(static_cast<float>(column + 1)), gain);
         std::uint16_t* const cells = cell(crossing.row, column);
         crossing.take_from(cells);
         crossing.add_to(cells + 1);
@@ -223,7 +220,7 @@ inline void CurveCoverage::Cells::begin_ramp(Ramp& ramp, const Edge& edge, float
 inline void CurveCoverage::Cells::end_ramp(Ramp& ramp)
 {
     if (ramp.gain != 0) {
-        const Bend end(ramp.y_right, ramp.gain);
+        const RampEnd end(ramp.y_right, ramp.gain);
         end.take_from(cell(end.row, ramp.column));
         ramp.gain = 0;
     }
@@ -236,7 +233,7 @@ void CurveCoverage::Cells::add_cut(const Edge& edge, float covered)
     const auto x = [&](float y) { return std::clamp(edge.left + (y - edge.y_left) / edge.slope, edge.left, edge.right); };
     const float x_top = x(0.0F);
     const float x_bottom = x(m_bottom);
-    add_level(goes_down ? edge.between(edge.left, x_top) : edge.between(x_top, edge.right), covered);
+    add_flat(goes_down ? edge.between(edge.left, x_top) : edge.between(x_top, edge.right), covered);
     const Edge inside = goes_down ? edge.between(x_top, x_bottom) : edge.between(x_bottom, x_top);
     if (inside.left < inside.right) {
         Ramp ramp;
@@ -245,8 +242,8 @@ void CurveCoverage::Cells::add_cut(const Edge& edge, float covered)
     }
 }
 
-/// As if the edge were level in each column.
-void CurveCoverage::Cells::add_level(const Edge& edge, float covered)
+/// As if the edge were flat in each column.
+void CurveCoverage::Cells::add_flat(const Edge& edge, float covered)
 {
     for (int column = static_cast<int>(edge.left); static_cast<float>(column) < edge.right; ++column) {
         const float left = std::max(edge.left, static_cast<float>(column));

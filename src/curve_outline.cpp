@@ -1,3 +1,5 @@
+// How the two edges of the stroke are found.
+//
 // A segment of the stroke is a rectangle around a part of the curve. Where two of them meet, their edges cross on the inner side of the
 // bend; the gap on the outer side is filled up to the point where they would cross (miter), or straight from corner to corner (bevel):
 //
@@ -17,7 +19,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 
 namespace {
 

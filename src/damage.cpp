@@ -2,7 +2,6 @@
 #include "damage.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace {
 

@@ -40,7 +40,7 @@ GdkRectangle ScreenReach::part()
     constexpr int ROUNDING = 1;  // of pixels to units
     const auto [x, y] = origin();
     const GdkRectangle shown{-x - ROUNDING, -y - ROUNDING, width + 2 * ROUNDING, height + 2 * ROUNDING};
-    GdkRectangle part;
+    GdkRectangle part{};
     gdk_rectangle_intersect(&all, &shown, &part);
     return part;
 }

@@ -1,4 +1,4 @@
-/// A thread of its own waits for the bus, and the main thread for that one, as long as it may take.
+/// A thread of its own waits for the bus, and the main thread for that one, no longer than TIMEOUT_MS.
 #include "session_bus.h"
 
 #include <chrono>
@@ -41,7 +41,7 @@ bool SessionBus::is_there()
            (runtime_folder != nullptr && g_file_test((std::string(runtime_folder) + "/bus").c_str(), G_FILE_TEST_EXISTS));
 }
 
-/// A thread of its own waits for GLib, as not all of what GLib does there can be cancelled.
+/// Not all of what GLib does there can be cancelled, hence the thread.
 SessionBus::Connection SessionBus::connect()
 {
     if (g_given_up) {

@@ -1,3 +1,4 @@
+/// The memory is a System V segment that this program and the X server map; what Xlib has for it is looked up while the program runs.
 #include "shared_image.h"
 
 #ifdef GDK_WINDOWING_X11

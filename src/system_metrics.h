@@ -16,7 +16,9 @@
 /// empty vector: no last good value is kept.
 class SystemMetrics {
 public:
-    /// Reads the facts, on the calling thread.
+    /// Reads the facts, on the calling thread. Throws on purpose, so that the program does not start, if it can't even be asked whether the
+    /// energy counter, the clocks or the throttle counters exist (std::filesystem::filesystem_error), or if a line "model name" ends with
+    /// its colon (std::out_of_range).
     SystemMetrics();
     ~SystemMetrics();
     SystemMetrics(const SystemMetrics&) = delete;

@@ -26,7 +26,7 @@ struct Rgb {
     double b = 0.0;
 };
 
-/// The fixed look of one scheme. The first, second, third and sixth text are defaults only: they seed the user's Settings.
+/// The fixed look of one scheme. Those called default only seed the user's Settings.
 struct Palette {
     bool dark = false;
     std::string background;  ///< default window background

@@ -18,6 +18,7 @@ import pytest
 
 from displays import Display, SwayDisplay, XDisplay, wait_until
 from fakemachine import Machine, preset
+from geometry_records import Home, Record, Stored, wait_for_place
 from monitor import QUIT_REFUSED, TIMEOUT, Gate, Monitor, Start, wait_for_main_loop, write_settings
 
 ENDING_SIGNALS = (signal.SIGTERM, signal.SIGINT)
@@ -97,6 +98,20 @@ def test_signal_before_the_window_does_not_end_the_program(ending_signal: signal
     gate.open()
     wait_for_main_loop(monitor)
     assert QUIT_REFUSED.fullmatch(monitor.complaints())
+    monitor.send(signal.SIGTERM)
+    assert monitor.wait() == 0
+
+
+def test_signals_of_the_moment_at_which_they_are_caught(x11: XDisplay, start: Start, preloaded: Callable[[str], dict[str, str]],
+                                                        tmp_path: Path) -> None:
+    home = Home(tmp_path / "home")
+    stored = Stored(Record(100, 120, 400, 500, 2), Record(90, 80, 700, 300, 3))
+    home.write(stored)
+    monitor = home.start(start, x11, env=preloaded("early_signals"))
+    wait_for_main_loop(monitor)
+    assert home.stored == stored
+    assert re.fullmatch(f"({QUIT_REFUSED.pattern}){{2}}", monitor.complaints())
+    wait_for_place(x11, monitor.window, stored.vertical, "after the signals")
     monitor.send(signal.SIGTERM)
     assert monitor.wait() == 0
 
