@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "desktop/alive.h"
 #include "desktop/pictures.h"
 #include "desktop/screenshot.h"
 #include "layout_boundary.h"
@@ -164,6 +165,18 @@ TEST_F(TickLabelTest, AsksForAndShowsWhatAPlainLabelWould)
     const Rows rows = styled();
     rows.expect_alike_throughout(TEXTS);
     rows.expect_alike_throughout(TEXTS);
+}
+
+TEST_F(TickLabelTest, ShowsASharedTextWithoutShapingItAgain)
+{
+    const auto layouts_of = [](GtkWidget* one, GtkWidget* other) {
+        const long before = all_that_is_held()["PangoLayout"];
+        const Rows rows(one, other);
+        rows.show("7%");
+        return all_that_is_held()["PangoLayout"] - before;
+    };
+    const long plain = layouts_of(with_class(plain_label("0%")), with_class(plain_label("0%")));
+    EXPECT_EQ(layouts_of(with_class(tick_label_new("0%")), with_class(tick_label_new("0%"))), plain) << "one for each text, not each label";
 }
 
 TEST_F(TickLabelTest, SharesNothingBetweenFonts)

@@ -505,6 +505,15 @@ TEST(Sampler, PausesAgainAfterARestart)
     metrics.stop();
 }
 
+TEST(Sampler, AStopForWhichNoPauseHasWaitedEndsNoLaterOne)
+{
+    FakeMachine machine;
+    SystemMetrics metrics;
+    metrics.m_thread = std::thread([] {});  // a sampler that ends before it pauses
+    metrics.stop();
+    EXPECT_FALSE(is_woken(metrics));
+}
+
 TEST(Sampler, APauseIsTwoSecondsInOneWait)
 {
     FakeMachine machine;
