@@ -116,6 +116,8 @@ def test_windows_have_their_icon(managed: XDisplay, start: Start) -> None:
     column = [color & 0xFFFFFF for color in pixels[2 + width // 2:2 + width * height:width]]
     assert column[height // 2] == middle_meter
     assert middle_meter not in column[:height // 5] + column[-height // 8:]
+    row = [color >> 24 for color in pixels[2 + height // 2 * width:][:width]]
+    assert row == row[::-1] and row[0] < row[width // 2]
 
 
 # --- Wayland ---
