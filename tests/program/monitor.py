@@ -31,6 +31,9 @@ _WITHOUT_SEAT = re.compile(r"\n?.*Gdk-CRITICAL.*: gdk_(seat_get_keyboard|seat_ge
 # What GTK says when somebody asks for the children of a window of its own, such as a menu's, that has just gone.
 _ASKED_WHEN_GONE = re.compile(r"\n?\(vantric:\d+\): Gtk-CRITICAL .*: gtk_container_forall: assertion 'GTK_IS_CONTAINER \(container\)' failed\n")
 
+# The signals that the program lets through at some instants only, as the kernel writes a set of them.
+_GATED = sum(1 << (number - 1) for number in (signal.SIGINT, signal.SIGTERM))
+
 #: What GTK says of a signal that came before the main loop.
 QUIT_REFUSED = re.compile(r"\n\(vantric:\d+\): Gtk-CRITICAL .*: gtk_main_quit: assertion '.*' failed\n")
 
@@ -145,26 +148,34 @@ class Monitor:
         return self.catches(number) and self.sleeps() and not int(self._field("SigBlk") or "0", 16) >> (number - 1) & 1
 
     def samples(self) -> bool:
-        """Whether both sampling threads run; they bear the program's name, those of libraries have others."""
-        return self.threads().count(PROGRAM_NAME) == 3
+        """Whether both sampling threads run. They bear the program's name and block the signals of the gate. A library's thread bears it
+        too until it has given itself its own, but lets these through if born while the gate stood open, and none before it first runs."""
+        others = [task for task in self._tasks() if task.name != str(self.pid)]
+        masks = [self._field("SigBlk", task) for task in others if self._field("Name", task) == PROGRAM_NAME]
+        return [int(mask or "0", 16) for mask in masks].count(_GATED) == 2
 
     def sleeps(self) -> bool:
         """Whether the main thread waits for something."""
         return self._field("State").startswith("S")
 
-    def _field(self, name: str) -> str:
+    def _field(self, name: str, task: Path | None = None) -> str:
+        """What the kernel tells of the main thread, or of the one with this folder."""
         try:
-            text = Path(f"/proc/{self.pid}/status").read_text()
+            text = ((task or Path(f"/proc/{self.pid}")) / "status").read_text()
         except OSError:
             return ""  # it has ended
         return next((line.split()[1] for line in text.splitlines() if line.startswith(name + ":")), "")
 
+    def _tasks(self) -> list[Path]:
+        """The folders of its threads; none if it has ended."""
+        return list(Path(f"/proc/{self.pid}/task").glob("*"))
+
     def threads(self) -> list[str]:
         """The names of its threads; none if it has ended."""
         names = []
-        for comm in Path(f"/proc/{self.pid}/task").glob("*/comm"):
+        for task in self._tasks():
             try:
-                names.append(comm.read_text().strip())
+                names.append((task / "comm").read_text().strip())
             except OSError:
                 continue  # it has just ended
         return names
