@@ -201,6 +201,8 @@ def test_signals_at_random_moments_of_resizing(x11: XDisplay, start: Start) -> N
     for _ in range(2):
         monitors = [start(x11, accessible=False) for _ in range(AT_ONCE)]
         windows = [monitor.window for monitor in monitors]
+        for monitor in monitors:
+            wait_for_main_loop(monitor)
         resizer = resizing(x11, windows)
         try:
             sizes = [x11.geometry(window)[2:] for window in windows]
