@@ -153,8 +153,7 @@ def test_traces(orientation: str, word: str, x11: XDisplay, start: Start, tmp_pa
     end = Record(200, 150, 700, 500, 1)
     windows = windows_of(x11, monitors)
     for window in windows:
-        x11.resize(window, *end.size)
-        wait_until(lambda: x11.geometry(window)[2:] == end.size, TIMEOUT, "the new size")
+        x11.resize_until(window, *end.size, lambda: x11.geometry(window)[2:] == end.size, TIMEOUT, "the new size")
         x11.move(window, *end.place)
     expected = Stored(horizontal=end) if orientation == "horizontal" else Stored(vertical=end)
     for monitor, home in zip(monitors, homes):
