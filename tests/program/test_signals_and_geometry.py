@@ -212,13 +212,13 @@ SIZES = [(450 + 7 * step % 200, 400 + 11 * step % 200) for step in range(300)]
 
 
 @contextmanager
-def moving(display: XDisplay, window: int) -> Iterator[None]:
-    """Moves and resizes the window many times a second, as somebody does who drags it."""
+def moving(display: XDisplay, window: int, home: Home) -> Iterator[None]:
+    """Moves and resizes the window many times a second, as somebody does who drags it. The program has saved some of it when this begins."""
     words = [word for place, size in zip(PLACES, SIZES) for word in (
         "windowmove", str(window), *map(str, place), "sleep", "0.03", "windowsize", str(window), *map(str, size), "sleep", "0.03")]
     mover = subprocess.Popen(["xdotool", *words], env=display.env, stderr=subprocess.DEVNULL)  # it complains when the window goes
     try:
-        wait_until(lambda: display.geometry(window)[2:] in SIZES, TIMEOUT, "the window's moving")
+        wait_until(lambda: (stored := home.stored) and stored.vertical.size in SIZES, TIMEOUT, "the window's moving")
         yield
     finally:
         mover.kill()
@@ -234,8 +234,8 @@ def test_ends_while_the_window_moves(managed: XDisplay, start: Start, tmp_path: 
         for monitor in monitors:
             wait_for_main_loop(monitor)
         with ExitStack() as movers:
-            for window in windows:
-                movers.enter_context(moving(managed, window))
+            for home, window in zip(homes, windows):
+                movers.enter_context(moving(managed, window, home))
             ends = [(terminated, interrupted, lambda _, window=window: managed.close(window))[number % 3]
                     for number, window in zip(numbers, windows)]
             rounds = [Round(home, monitor, end, tally.random.uniform(0, 1)) for home, monitor, end in zip(homes, monitors, ends)]
