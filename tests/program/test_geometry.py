@@ -66,7 +66,7 @@ def drag(display: XDisplay, window: int, begin: tuple[int, int], end: tuple[int,
 def test_each_end_writes_the_record(managed: XDisplay, start: Start, tmp_path: Path) -> None:
     homes = [Home(tmp_path / end.__name__) for end in ENDS]
     for home in homes:
-        home.write(Stored(VERTICAL, HORIZONTAL))
+        home.write(Stored(VERTICAL, HORIZONTAL).line.encode() + b"\n")  # which the program's own save takes away
     monitors = [home.start(start, managed) for home in homes]
     for monitor, window in zip(monitors, windows_of(managed, monitors)):
         wait_for_place(managed, window, VERTICAL, "at the start")

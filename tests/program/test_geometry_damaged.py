@@ -84,7 +84,7 @@ def test_start_with_a_file_cut_at_each_byte(bare: XDisplay, start: Start, tmp_pa
 
 def test_save_into_a_file_cut_at_each_byte(bare: XDisplay, start: Start, tmp_path: Path) -> None:
     home = Home(tmp_path)
-    home.write(WHOLE)
+    home.write(WHOLE + b"\n")  # which the program's own save takes away
     window = home.start(start, bare).window
     wait_for_place(bare, window, VERTICAL, "at the start")
     home.wait_for(Stored(VERTICAL, HORIZONTAL), "at the start")

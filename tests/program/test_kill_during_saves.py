@@ -19,7 +19,7 @@ from gi.repository import GLib
 
 from displays import DisplayError, XDisplay, wait_until
 from geometry_records import Home, Record, Stored, closed, windows_of
-from monitor import TIMEOUT, Monitor, Start, config_folder, settings_text
+from monitor import TIMEOUT, Monitor, Start, config_folder, settings_text, wait_for_main_loop
 from settings_dialog import THEMES, SettingsDialog, saved_bytes
 
 KILLS = int(os.environ.get("VANTRIC_KILLS", "15"))
@@ -116,13 +116,17 @@ def test_kill_at_each_call_of_saving_the_geometry(x11: XDisplay, preloaded: Prel
 
     def start_in(name: str) -> tuple[Home, Monitor, Orders]:
         home, orders = Home(tmp_path / name), Orders(library, tmp_path / f"{name}.orders")
-        home.write(STORED)
+        home.write(STORED.line.encode() + b"\n")  # which the program's own save takes away
         return home, home.start(start, x11, env=orders.env), orders
+
+    def wait_for_first_save(home: Home, monitor: Monitor) -> None:
+        home.wait_for(STORED, "at the start")
+        wait_for_main_loop(monitor)  # the file has been closed by then
 
     def move(window: int) -> None:
         x11.move(window, *MOVED.vertical.place)
     home, monitor, orders = start_in("unharmed")
-    home.wait_for(STORED, "at the start")
+    wait_for_first_save(home, monitor)
     (window,) = windows_of(x11, [monitor])
     orders.give("kill", 0)
     move(window)
@@ -134,8 +138,8 @@ def test_kill_at_each_call_of_saving_the_geometry(x11: XDisplay, preloaded: Prel
 
     victims = {moment: start_in(f"{moment[0]}-{moment[1]}") for moment in moments_of(first_save)}
     windows = windows_of(x11, [monitor for _, monitor, _ in victims.values()])
-    for (home, _, _) in victims.values():
-        home.wait_for(STORED, "at the start")
+    for (home, monitor, _) in victims.values():
+        wait_for_first_save(home, monitor)
     for ((word, number), (home, monitor, orders)), window in zip(victims.items(), windows):
         orders.give(word, number)
         move(window)
