@@ -76,8 +76,10 @@ def test_language(dialog: SettingsDialog) -> None:
         assert_dialog_speaks(dialog, texts)
         assert_window_speaks(monitor, texts)
         assert now.expanded
-        mirrored = texts.is_right_to_left
-        assert (dialog_edges(now, mirrored), window_edges(monitor.content(), mirrored)) == expected, name
+
+        def edges(mirrored: bool = texts.is_right_to_left) -> object:
+            return dialog_edges(dialog.wait(), mirrored), window_edges(monitor.content(), mirrored)
+        wait_until(lambda: edges() == expected, TIMEOUT, f"everything in its place: {name}")  # once it has been given one
 
 
 def test_theme_and_colors(dialog: SettingsDialog, tmp_path: Path) -> None:
