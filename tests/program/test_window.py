@@ -99,7 +99,7 @@ def test_card_titles_shorten_where_they_do_not_fit(displays: ExitStack, start: S
 
     def names(width: int) -> list[str]:
         display.resize_until(monitor.window, width, 300, lambda: display.geometry(monitor.window).width == width, TIMEOUT, f"a width of {width}")
-        wait_until(lambda: monitor.content().cards[-1].rect.right > width - 20, TIMEOUT, "cards of that width")
+        wait_until(lambda: abs(monitor.content().cards[-1].rect.right - width) < 20, TIMEOUT, "cards of that width")
         return monitor.bus.texts([card.name_label for card in monitor.content().cards])
     long, short = [f"Core {n}" for n in range(1, 13)], [str(n) for n in range(1, 13)]
     narrow = max(702, minimum(display, monitor.window)[0])
