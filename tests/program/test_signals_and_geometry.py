@@ -213,7 +213,7 @@ SIZES = [(450 + 7 * step % 200, 400 + 11 * step % 200) for step in range(300)]
 
 @contextmanager
 def moving(display: XDisplay, window: int, home: Home) -> Iterator[None]:
-    """Moves and resizes the window many times a second, as somebody does who drags it. The program has saved some of it when this begins."""
+    """Moves and resizes the window many times a second, as somebody does who drags it. The program has saved some of it by then."""
     words = [word for place, size in zip(PLACES, SIZES) for word in (
         "windowmove", str(window), *map(str, place), "sleep", "0.03", "windowsize", str(window), *map(str, size), "sleep", "0.03")]
     mover = subprocess.Popen(["xdotool", *words], env=display.env, stderr=subprocess.DEVNULL)  # it complains when the window goes
