@@ -109,9 +109,9 @@ def test_signals_of_the_moment_at_which_they_are_caught(x11: XDisplay, start: St
     home.write(stored)
     monitor = home.start(start, x11, env=preloaded("early_signals"))
     wait_for_main_loop(monitor)
-    assert home.stored == stored
     assert re.fullmatch(f"({QUIT_REFUSED.pattern}){{2}}", monitor.complaints())
     wait_for_place(x11, monitor.window, stored.vertical, "after the signals")
+    home.wait_for(stored, "after the signals")
     monitor.send(signal.SIGTERM)
     assert monitor.wait() == 0
 
