@@ -13,7 +13,7 @@ import pytest
 
 from displays import Display, SwayDisplay, XDisplay, wait_until
 from fakemachine import preset
-from monitor import TIMEOUT, Content, Monitor, Start, as_root_without_rights, config_folder, is_root, settings_text, write_settings
+from monitor import TIMEOUT, Content, Monitor, Start, as_root_without_rights, config_folder, settings_text, write_settings
 
 SIDE_PANEL_WIDTH = 230
 TWO_GROUPS = {**preset("frequency-hybrid-12"), "model": "Chip", "load": {"kind": "steady", "percent": 50}}
