@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import math
 import re
-from itertools import count
+import time
+from dataclasses import dataclass
+from itertools import combinations, count
 from pathlib import Path
 
 from fakemachine import Machine
@@ -141,3 +144,57 @@ class KernelReadings:
             return [words, letters]
         memory = "{:.0f}/{:.0f} GB".format(*self.memory)
         return [f"{words} / RAM {memory}", f"{letters} / RAM {memory}", f"{letters} / {memory}", letters]
+
+
+# --- files that move ---
+
+@dataclass
+class Standing:
+    """What a file has held, and the time in which a program can have read it."""
+    text: str
+    since: float
+    until: float = math.inf
+
+
+class FileHistory:
+    """Every state of a file that moves. It listens to the machine, as reading would miss states on a busy computer."""
+
+    def __init__(self, machine: Machine, path: str) -> None:
+        self._states = [Standing(machine.read(path), time.monotonic())]
+        self._file = machine.movable(path)
+        self._publish = machine.publish
+        machine.publish = self._listen
+
+    def _listen(self, file: Path, text: str) -> None:
+        before = time.monotonic()
+        self._publish(file, text)
+        if file == self._file:
+            self._states[-1].until = time.monotonic()
+            self._states.append(Standing(text, before))
+
+    def has_stood_still(self, seconds: float) -> bool:
+        """Whether two readings so long apart can have found the same."""
+        now = time.monotonic()
+        return any(min(state.until, now) - state.since >= seconds for state in list(self._states))
+
+
+class EnergyHistory(FileHistory):
+    """Every state of a machine's energy counter."""
+
+    LEAST_SECONDS, MOST_SECONDS = 1.9, 4.0  # between two readings of the program
+    HELD_UP_SECONDS = 0.1  # at most, from a reading to the look at the clock
+    ROUNDING = 0.06  # of a figure in tenths of a watt
+
+    def __init__(self, machine: Machine) -> None:
+        super().__init__(machine, ENERGY)
+
+    def explains(self, watts: float, most_seconds: float = MOST_SECONDS) -> bool:
+        """Whether two readings a pass apart give this power."""
+        return any(self._can_give(watts, early, late, most_seconds) for early, late in combinations(list(self._states), 2))
+
+    def _can_give(self, watts: float, early: Standing, late: Standing, most_seconds: float) -> bool:
+        joules = (int(late.text) - int(early.text)) / 1e6
+        longest = late.until + self.HELD_UP_SECONDS - early.since
+        shortest = max(late.since - early.until - self.HELD_UP_SECONDS, self.LEAST_SECONDS)
+        return (longest >= self.LEAST_SECONDS and shortest <= most_seconds and joules > 0
+                and joules / longest - self.ROUNDING <= watts <= joules / shortest + self.ROUNDING)

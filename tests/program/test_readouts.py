@@ -2,13 +2,10 @@
 
 from __future__ import annotations
 
-import math
 import os
 import re
-import time
 from collections.abc import Callable
-from dataclasses import dataclass
-from itertools import combinations, count
+from itertools import count
 from pathlib import Path
 from typing import NamedTuple
 
@@ -20,7 +17,7 @@ from accessibility import Node, Rect
 from chart_pixels import color_of
 from displays import XDisplay, wait_until
 from fakemachine import Machine, preset
-from kernel_readings import CPUS, ENERGY, KernelReadings
+from kernel_readings import CPUS, ENERGY, EnergyHistory, KernelReadings
 from monitor import TIMEOUT, Monitor, Start
 from repeating import Repeating
 
@@ -208,46 +205,6 @@ class Recorder(Repeating):
         self.statuses.add(kernel.status)
         self.tooltips.add(kernel.tooltip)
         self.infos.add(kernel.info_forms[0])
-
-
-@dataclass
-class Standing:
-    """What the energy counter was, and the time in which a program can have read it."""
-    energy: int  # microjoules
-    since: float
-    until: float = math.inf
-
-
-class EnergyHistory:
-    """Every state of a machine's energy counter. It listens to the machine, as reading would miss states on a busy computer."""
-
-    LEAST_SECONDS, MOST_SECONDS = 1.9, 4.0  # between two readings of the program
-    HELD_UP_SECONDS = 0.1  # at most, from a reading to the look at the clock
-    ROUNDING = 0.06  # of a figure in tenths of a watt
-
-    def __init__(self, machine: Machine) -> None:
-        self._states = [Standing(int(machine.read(ENERGY)), time.monotonic())]
-        self._file = machine.movable(ENERGY)
-        self._publish = machine.publish
-        machine.publish = self._listen
-
-    def _listen(self, file: Path, text: str) -> None:
-        before = time.monotonic()
-        self._publish(file, text)
-        if file == self._file:
-            self._states[-1].until = time.monotonic()
-            self._states.append(Standing(int(text), before))
-
-    def explains(self, watts: float) -> bool:
-        """Whether two readings a pass apart give this power."""
-        return any(self._can_give(watts, early, late) for early, late in combinations(list(self._states), 2))
-
-    def _can_give(self, watts: float, early: Standing, late: Standing) -> bool:
-        joules = (late.energy - early.energy) / 1e6
-        longest = late.until + self.HELD_UP_SECONDS - early.since
-        shortest = max(late.since - early.until - self.HELD_UP_SECONDS, self.LEAST_SECONDS)
-        return (longest >= self.LEAST_SECONDS and shortest <= self.MOST_SECONDS and joules > 0
-                and joules / longest - self.ROUNDING <= watts <= joules / shortest + self.ROUNDING)
 
 
 def test_moving_machine_shows_only_what_its_files_have_held(x11: XDisplay, start: Start, machines) -> None:
