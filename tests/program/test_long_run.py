@@ -42,7 +42,6 @@ LANGUAGES_SEEN = ("العربية", "日本語", "Deutsch", "English") if MANY_C
 ALLOWED_GROWTH_KB = 3 * 1024  # cairo keeps letters in hundreds of sizes, and drops many at a time
 ALLOWED_PIXMAP_KB = 5 * 1024  # of the frame that is just being painted, as large as the screen at most
 ALLOWED_IN_SERVER = {"PIXMAP": 2, "PICTURE": 16, "GLYPHSET": 300}  # that frame, and cairo's letters there; of all else not one more
-MORE_READS = 1.3  # times as many calls for a sample; a look can come in the middle of one
 
 
 @dataclass(frozen=True)
@@ -67,7 +66,8 @@ class Look:
                    len(list((process / "task").iterdir())), server.pixmap_kb(window), server.of(window))
 
     def of_a_sample(self, before: Look) -> tuple[float, float]:
-        """CPU time in ms, and calls that read, of a sample since then."""
+        """CPU time in ms, and calls that read, of a sample since then. Neither decides: how many readings of all else come to a sample depends on
+        how late each thread is, more than on anything as time runs so fast."""
         samples = self.samples - before.samples
         return (self.cpu_seconds - before.cpu_seconds) * 1000 / samples, (self.reads - before.reads) / samples
 
@@ -160,7 +160,6 @@ def test_nothing_grows(run: Run, x11: XDisplay, preloaded: Callable[[str], dict[
     for when, look, (ms, reads) in (("before", before, costs[0]), ("after", after, costs[1])):
         print(f"{run.cpus} CPUs, {when}: {look}, {ms:.2f} ms of CPU time and {reads:.1f} reads for each sample")
     assert_no_growth(before, after)
-    assert costs[1][1] <= costs[0][1] * MORE_READS
     if run.cpus == 2:
         card = dialog.monitor.content().cards[0]
         assert Chart(dialog.monitor.picture(tmp_path / "window.png"), card.chart, MARKER_COLOR).fills_whole_width()
