@@ -42,14 +42,16 @@ TEMP = "/sys/class/thermal/thermal_zone0/temp"
 
 
 def wait_until(condition: Callable[[], Any], what: str = "the condition") -> Any:
-    """The first true value of the condition."""
+    """The first true value of the condition, which is asked once more after the deadline."""
     deadline = time.monotonic() + DEADLINE
-    while time.monotonic() < deadline:
+    while True:
+        begin = time.monotonic()
         value = condition()
         if value:
             return value
+        if begin >= deadline:
+            raise AssertionError(f"never came true: {what}")
         time.sleep(0.01)
-    raise AssertionError(f"never came true: {what}")
 
 
 def python(code: str, *arguments: str) -> list[str]:
@@ -70,7 +72,7 @@ def tool(*arguments: str, input: str | None = None, **options: Any) -> subproces
     streams: dict[str, Any] = {name: subprocess.PIPE for name in ("stdin", "stdout", "stderr")}
     with start_tool(*arguments, **streams, **options) as started:
         try:
-            out, err = started.communicate(input, 60)
+            out, err = started.communicate(input, DEADLINE)
         except subprocess.TimeoutExpired:
             started.kill()
             raise
