@@ -557,7 +557,7 @@ def test_sway_obeys_from_its_start_on(tmp_path: Path) -> None:
     library = tmp_path / "late.so"
     subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-x", "c", "-"], input=LATE_LOOP, text=True, check=True)
     with LateSway(library) as display:
-        assert display.server.end() == 0
+        assert display.server.end(TIMEOUT) == 0
 
 
 @every_kind

@@ -129,7 +129,7 @@ def test_class_on_x11_is_that_of_the_entry(installed: Installed) -> None:
         program = display.spawn([installed.entry["Exec"]], installed.env)
         window = display.find_window("Vantric", timeout=TIMEOUT)
         assert display.properties(window, "WM_CLASS")["WM_CLASS"][0] == installed.entry["StartupWMClass"]
-        assert program.end() == 0, program.stderr()
+        assert program.end(TIMEOUT) == 0, program.stderr()
 
 
 def test_app_id_on_wayland_is_that_of_the_entry(installed: Installed) -> None:
@@ -137,7 +137,7 @@ def test_app_id_on_wayland_is_that_of_the_entry(installed: Installed) -> None:
     with SwayDisplay() as display:
         program = display.spawn([installed.entry["Exec"]], installed.env)
         assert display.view(installed.entry["StartupWMClass"], TIMEOUT)["name"] == "Vantric"
-        assert program.end() == 0, program.stderr()
+        assert program.end(TIMEOUT) == 0, program.stderr()
 
 
 # --- inside Snap ---

@@ -16,11 +16,13 @@ from typing import Any, NamedTuple, Self
 
 from gi.repository import Gio, GLib
 
+from displays import TIMEOUT
+
 ACCESSIBLE, ACTION, COMPONENT, SELECTION, TEXT = (
     f"org.a11y.atspi.{name}" for name in ("Accessible", "Action", "Component", "Selection", "Text"))
 SCREEN_COORDINATES, WINDOW_COORDINATES = 0, 1
 AT_ONCE = 100  # calls; a bus refuses more than it wants to remember
-CALL_TIMEOUT_MS = 20_000  # a program that draws a thousand cards answers late
+CALL_TIMEOUT_MS = int(TIMEOUT * 1000)  # a program that draws a thousand cards answers late
 
 
 class State(enum.IntEnum):

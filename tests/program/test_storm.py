@@ -37,7 +37,7 @@ from shown_values import Shown, Told, look, throttle_figure, watts_of
 SECONDS = float(os.environ.get("VANTRIC_STORM_SECONDS", "15"))
 SEED = int(os.environ.get("VANTRIC_STORM_SEED", "0")) or random.randrange(1, 10**6)
 
-LONGEST_ANSWER = 10.0  # seconds; half a second for each question that the portal leaves open is allowed, of which eight can come together
+LONGEST_ANSWER = TIMEOUT  # it may be held up by half a second for each question that the portal leaves open, but not for good
 LONGEST_PAUSE = 0.3  # seconds that the program is stopped at once
 LONGEST_HANG = 1.0  # seconds that a file hangs
 HANGING_AT_ONCE = 1  # files; with more of them the samplers would hardly see anything else

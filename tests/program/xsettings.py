@@ -5,9 +5,7 @@ from __future__ import annotations
 import signal
 from pathlib import Path
 
-from displays import XDisplay, wait_until
-
-TIMEOUT = 30.0  # seconds; a deadline for a busy machine, not an expectation
+from displays import TIMEOUT, XDisplay, wait_until
 
 
 class XSettings:
