@@ -188,8 +188,8 @@ def test_storm_of_signals_and_a_pause(x11: XDisplay, machines: ExitStack, start:
         monitor.send(signal.SIGCONT)
         seen, powers = states_until(monitor, OTHER_LOADS)
         readings.check_no_more_than(time.monotonic() - begin)
-    # Between those of before and those of now there is one reading, which spans the pause and so lies between the two. On a busy computer the
-    # machine may stand still from one reading to the next: then there was nothing to do.
+    # Between those of before and those of now there is one reading, which spans the pause and so lies between the two. On a busy computer
+    # the machine may stand still from one reading to the next: then there was nothing to do.
     nothing = texts([0] * len(LOADS))
     assert nothing not in seen or stat.has_stood_still(SAMPLE_SECONDS), seen
     between = [state for state in seen if state not in (texts(LOADS), texts(OTHER_LOADS), nothing)]

@@ -66,8 +66,10 @@ class Look:
                    len(list((process / "task").iterdir())), server.pixmap_kb(window), server.of(window))
 
     def of_a_sample(self, before: Look) -> tuple[float, float]:
-        """CPU time in ms, and calls that read, of a sample since then. Neither decides: how many readings of all else come to a sample depends on
-        how late each thread is, more than on anything as time runs so fast."""
+        """CPU time in ms, and calls that read, of a sample since then.
+
+        Neither decides: as time runs so fast, how many readings of all else come to a sample depends on how late each thread is.
+        """
         samples = self.samples - before.samples
         return (self.cpu_seconds - before.cpu_seconds) * 1000 / samples, (self.reads - before.reads) / samples
 

@@ -300,7 +300,7 @@ def test_throttle_is_how_far_busy_cpus_run_below_their_rated_clock(
 
 
 class Throttling(Repeating):
-    """Counts one event more ten times a second: a fire burns for one pass only, which a busy computer may let go by between two questions."""
+    """Counts one event more ten times a second: a fire burns for one pass only, which on a busy computer may end between two questions."""
 
     def __init__(self, machine: Machine, events: int) -> None:
         super().__init__(0.1)
