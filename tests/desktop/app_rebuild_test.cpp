@@ -741,10 +741,10 @@ TEST_F(TimersOfARebuild, WindowIsMovedALittleLaterAndSavingResumesAfterThat)
     switch_to(app, HORIZONTAL);
     EXPECT_THAT(g_timers.intervals(), ElementsAre(MOVE_MS, SETTLE_MS));
     EXPECT_THAT(g_overheard.moves, IsEmpty());
-    bool was_frozen = false;
-    g_overheard.before_a_call = [&] { was_frozen = app.m_freeze_geometry_save; };
+    std::optional<bool> was_frozen;  // at the move; on a busy computer the same turn of the main loop ends the freeze behind it
+    g_overheard.before_a_call = [&] { was_frozen = was_frozen.value_or(app.m_freeze_geometry_save); };
     ASSERT_TRUE(iterate_until([] { return !g_overheard.moves.empty(); }));
-    EXPECT_TRUE(was_frozen);
+    EXPECT_EQ(was_frozen, true);
     EXPECT_GE(elapsed(), milliseconds(MOVE_MS - 10));
     ASSERT_TRUE(iterate_until([&] { return !app.m_freeze_geometry_save; }));
     EXPECT_GE(elapsed(), milliseconds(SETTLE_MS - 10));
