@@ -88,7 +88,7 @@ struct SignalGateTest : testing::Test {
             in_time = false;
             g_main_loop_quit(loop);
         };
-        const guint timer = g_timeout_add_seconds(20, run_once, &give_up);
+        const guint timer = g_timeout_add(static_cast<guint>(DEADLINE.count()), run_once, &give_up);
         g_main_loop_run(loop);
         if (in_time) {
             g_source_remove(timer);
