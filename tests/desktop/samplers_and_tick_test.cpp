@@ -12,6 +12,7 @@
 #include "desktop/calls.h"
 #include "desktop/widgets.h"
 #include "live_app.h"
+#include "sensor_machine.h"
 
 using testing::IsSubsetOf;
 
@@ -49,7 +50,6 @@ constexpr unsigned EVENTS_COUNTED = 50;              // so many changes to one t
 
 constexpr const char* TEMPERATURE = "/sys/class/thermal/thermal_zone0/temp";
 constexpr const char* THROTTLE_COUNT = "thermal_throttle/core_throttle_count";
-constexpr const char* ENERGY = "/sys/class/powercap/intel-rapl:0/energy_uj";
 
 std::string cpu_file(int cpu, const std::string& name)
 {
@@ -273,8 +273,9 @@ public:
     /// Whether enough has come and gone for a judgement.
     bool suffices() const
     {
-        return m_app.m_cache.total_history.size() >= 8 && m_status.size() >= 4 && m_throttle.size() >= 2 && m_info.size() >= 3 &&
-               m_loads[0].size() == 2 && m_loads[2].size() == 2 && g_painted.size() >= 5;
+        const bool has_power = std::any_of(m_status.begin(), m_status.end(), [](const auto& status) { return status.ends_with("W"); });
+        return m_app.m_cache.total_history.size() >= 8 && m_status.size() >= 4 && has_power && m_throttle.size() >= 2 &&
+               m_info.size() >= 3 && m_loads[0].size() == 2 && m_loads[2].size() == 2 && g_painted.size() >= 5;
     }
 
     void judge() const
