@@ -123,8 +123,8 @@ inline std::string stat_text(const std::vector<Ticks>& cpus)
 }
 
 /// The files below /proc and /sys that the test sees, at first none. It has to run inside a tree of its own (machine/fake-machine
-/// makes one), and refuses to lay anything elsewhere; where there can be none, as NO_MACHINE tells, the test ends as skipped. A file is replaced in one step, so that whoever reads sees the old one or the
-/// new one.
+/// makes one), and refuses to lay anything elsewhere; where there can be none, as NO_MACHINE tells, the test ends as skipped. A file is
+/// replaced in one step, so that whoever reads sees the old one or the new one.
 class FakeMachine {
 public:
     FakeMachine()
