@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -29,7 +30,25 @@ using Clock = std::chrono::steady_clock;
 
 std::optional<Clock::time_point> g_time;  ///< what the clock shows; without it the true time
 
+/// Whether a thread of that name is there.
+bool has_thread(const std::string& name)
+{
+    const std::vector<std::filesystem::path> threads(std::filesystem::directory_iterator("/proc/self/task"), {});
+    return std::any_of(threads.begin(), threads.end(), [&](const auto& thread) { return read_text(thread / "comm") == name + "\n"; });
+}
+
 }  // namespace
+
+/// Waits for the end of each thread in which Pango looks for fonts: on a busy computer it would still be there when threads are counted.
+extern "C" GThread* g_thread_new(const gchar* name, GThreadFunc function, gpointer data)
+{
+    GThread* const thread = next<decltype(g_thread_new)>("g_thread_new")(name, function, data);
+    if (name != nullptr && std::string(name).starts_with("[pango] FcFontSet")) {
+        g_thread_join(g_thread_ref(thread));
+        wait_until([] { return !has_thread("[pango] FcFontS"); });  // as the kernel shortens it; it lists some that have ended
+    }
+    return thread;
+}
 
 /// Takes the place of the standard library's function.
 std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept
