@@ -158,10 +158,10 @@ void* realloc(void* block, std::size_t size)
 
 #endif
 
-/// What this process has asked the kernel to read so far, in calls; 0 where the kernel does not count.
+/// What this thread has asked the kernel to read so far, in calls; 0 where the kernel does not count.
 inline long reads_so_far()
 {
-    std::ifstream file("/proc/self/io");
+    std::ifstream file("/proc/thread-self/io");
     std::string name;
     long value = 0;
     while (file >> name >> value) {
