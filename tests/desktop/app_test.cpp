@@ -485,6 +485,18 @@ TEST_F(Tick, GoesThroughLabelsAndChartsInOrder)
                 ElementsAre("right label", "total chart", "label 0", "chart 0", "label 1", "chart 1", "label 2", "chart 2"));
 }
 
+TEST_F(Tick, SetsNoLabelToWhatItShowsAlready)
+{
+    IdleApp other(Shape{.clusters = {2}});
+    other.m_cpu_reader->m_cores = {{.usage = 0.1, .history = {}}, {.usage = 0.2, .history = {}}};
+    other.m_sys_metrics->m_power = 5.0;
+    other.update();
+    other.m_cpu_reader->m_cores[1].usage = 0.3;
+    const Listening listening(other);
+    other.update();
+    EXPECT_THAT(g_overheard.tick, ElementsAre("total chart", "chart 0", "label 1", "chart 1"));
+}
+
 TEST_F(Tick, HoldsNoLockWhileItSetsALabel)
 {
     struct Locks {
