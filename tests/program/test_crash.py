@@ -101,6 +101,13 @@ def test_system_line_is_left_out_where_uname_fails(scene: CrashScene) -> None:
     assert scene.report().system is None
 
 
+def test_report_is_whole_though_writing_is_interrupted_and_cut_short(scene: CrashScene) -> None:
+    scene.crash(CRASH_FAILS="write")
+    report = scene.report()
+    assert report.signal == signal_line(signal.SIGSEGV)
+    assert 3 < len(report.frames) < MAX_FRAMES
+
+
 def test_backtrace_names_the_functions_of_the_program(scene: CrashScene) -> None:
     scene.crash()
     assert re.search(r"\bgtk_init .*App3run.* main .*__libc_start_main", scene.report().functions)
