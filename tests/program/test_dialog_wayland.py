@@ -52,7 +52,8 @@ def test_orientation_and_columns(dialog: SettingsDialog) -> None:
         wait_until(lambda: view(display, "Vantric")["rect"]["width"] == HORIZONTAL.width, TIMEOUT, "the horizontal window")
     back = dialog.choose_orientation("vertical")
     dialog.wait_for_saved("vertical")
-    assert back.columns == columns_of(monitor.content()) == VERTICAL.num_columns
+    assert back.columns == VERTICAL.num_columns
+    wait_for_content(monitor, lambda content: columns_of(content) == VERTICAL.num_columns, "the columns of the vertical orientation")
     before = {node.address for node in main_window(monitor).walk()}
     dialog.press(back.fewer)
     dialog.wait(lambda now: now.columns == 1, "one column")

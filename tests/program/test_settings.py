@@ -14,6 +14,7 @@ import pytest
 from displays import Display, SwayDisplay, XDisplay, wait_until
 from fakemachine import preset
 from monitor import TIMEOUT, Content, Monitor, Start, as_root_without_rights, config_folder, settings_text, write_settings
+from settings_dialog import is_horizontal
 
 SIDE_PANEL_WIDTH = 230
 TWO_GROUPS = {**preset("frequency-hybrid-12"), "model": "Chip", "load": {"kind": "steady", "percent": 50}}
@@ -21,11 +22,6 @@ TWO_GROUPS = {**preset("frequency-hybrid-12"), "model": "Chip", "load": {"kind":
 
 def core_names(content: Content) -> list[str]:
     return [card.name for card in content.cards]
-
-
-def is_horizontal(content: Content) -> bool:
-    """Whether the cards stand beside the panel of the total chart, not below it."""
-    return content.cards[0].rect.y < content.total_chart.bottom
 
 
 # --- languages ---
