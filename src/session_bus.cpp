@@ -17,6 +17,14 @@ struct Connecting {
 };
 
 bool g_given_up = false;
+GWeakRef g_connected;  // the bus that connect() gave out last, as long as somebody keeps it
+
+/// Whether GLib can give out a connection that is there already, for which nobody has to wait.
+bool is_connected()
+{
+    const SessionBus::Connection bus(static_cast<GDBusConnection*>(g_weak_ref_get(&g_connected)));
+    return bus != nullptr && g_dbus_connection_is_closed(bus.get()) == FALSE;
+}
 
 /// Body of a thread: connects to the session bus, and lets its end not be that of the program, as GLib would.
 gpointer connect_to_bus(gpointer data)
@@ -47,6 +55,9 @@ SessionBus::Connection SessionBus::connect()
     if (g_given_up) {
         return nullptr;
     }
+    if (is_connected()) {  // a busy computer may let a thread begin late, and the bus would be given up
+        return Connection(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+    }
     const SignalGate::ForNewPrograms gate;  // GLib starts a bus where there is none
     const auto connecting = std::make_shared<Connecting>();
     std::future<Connection> bus = connecting->bus.get_future();
@@ -62,7 +73,9 @@ SessionBus::Connection SessionBus::connect()
         g_cancellable_cancel(connecting->given_up.get());
         return nullptr;
     }
-    return bus.get();
+    Connection connected = bus.get();
+    g_weak_ref_set(&g_connected, connected.get());
+    return connected;
 }
 
 bool SessionBus::is_given_up()

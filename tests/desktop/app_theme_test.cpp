@@ -44,6 +44,7 @@ struct Overheard {
     std::vector<std::string> subscriptions;  ///< to signals on the bus, in full
     GVariant* answer = nullptr;              ///< of the next question, in place of the service's; belongs to whoever asks
     bool has_bus = true;
+    int threads = 0;                                ///< that the program itself has started
     bool is_bus_late = false;                       ///< whether it may take longer to connect than the program waits
     std::function<void(GCancellable*)> at_connect;  ///< before a connection to the bus is made; on any thread
     std::set<std::string> bus_names;                ///< of the code under test, one for each connection that was made
@@ -136,8 +137,11 @@ GtkSettings* gtk_settings_get_default()
 GThread* g_thread_try_new(const gchar* name, GThreadFunc function, gpointer data, GError** error)
 {
     GThread* const thread = next<decltype(g_thread_try_new)>("g_thread_try_new")(name, function, data, error);
-    if (thread != nullptr && is_own_code(__builtin_return_address(0)) && !g_overheard.is_bus_late) {
-        g_thread_join(g_thread_ref(thread));
+    if (thread != nullptr && is_own_code(__builtin_return_address(0))) {
+        ++g_overheard.threads;
+        if (!g_overheard.is_bus_late) {
+            g_thread_join(g_thread_ref(thread));
+        }
     }
     return thread;
 }
@@ -349,6 +353,15 @@ TEST_F(AppTheme, BusThatHasGoneAwayLeavesItToGtkAndIsNotWatched)
     app.watch_system_theme();
     EXPECT_THAT(g_overheard.subscriptions, IsEmpty());
     g_object_unref(bus);
+}
+
+TEST_F(AppTheme, BusThatIsKeptIsTakenWithoutWaitingForAThread)
+{
+    const SessionBus::Connection kept = SessionBus::connect();
+    ASSERT_NE(kept, nullptr);
+    const int threads = g_overheard.threads;
+    EXPECT_EQ(SessionBus::connect(), kept);
+    EXPECT_EQ(g_overheard.threads, threads);
 }
 
 TEST_F(AppTheme, BusThatDoesNotConnectIsGivenUpOnceForAll)
