@@ -62,7 +62,8 @@ public:
     int run(int argc, char** argv);
 
     GtkWidget* window() const { return m_window; }
-    /// From then on there is no size to be saved, though GTK may still wait for a clipboard manager. False as long as there is no window yet.
+    /// From then on there is no size to be saved, though GTK may still wait for a clipboard manager. False as long as there is no window
+    /// yet.
     bool is_window_closed() const { return m_is_window_closed; }
     int num_columns() const { return m_num_columns; }
     bool is_horizontal() const { return m_horizontal; }
@@ -280,8 +281,9 @@ private:
     void queue_apply_theme();
     /// Whether the theme in the settings is dark at this moment; "auto" and unknown words ask the desktop.
     bool resolve_dark() const;
-    /// Asks the XDG desktop portal for the colour scheme, else GTK's own settings. Blocks meanwhile: for at most half a second each until there
-    /// is a connection to the session bus, and until the portal has answered. Once the bus has taken longer it counts as missing.
+    /// Asks the XDG desktop portal for the colour scheme, else GTK's own settings. Blocks meanwhile, for at most half a second; the first
+    /// time for up to three seconds before, until there is a connection to the session bus. One that takes longer counts as missing from
+    /// then on.
     static bool system_prefers_dark();
     /// Follows the portal's changes from now on.
     void watch_system_theme();

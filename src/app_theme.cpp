@@ -29,7 +29,7 @@ std::optional<bool> portal_prefers_dark()
     }
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(bus.get(), PORTAL_NAME, PORTAL_PATH, PORTAL_INTERFACE, "Read",
                                                             g_variant_new("(ss)", APPEARANCE, COLOR_SCHEME), G_VARIANT_TYPE("(v)"),
-                                                            G_DBUS_CALL_FLAGS_NONE, SessionBus::TIMEOUT_MS, nullptr, nullptr);
+                                                            G_DBUS_CALL_FLAGS_NONE, SessionBus::ANSWER_TIMEOUT_MS, nullptr, nullptr);
     if (reply == nullptr) {
         return std::nullopt;
     }

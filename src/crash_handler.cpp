@@ -1,7 +1,7 @@
-/// All but install() and prepare() runs in signal context, on whichever thread took the signal, or in the child forked there. What has crashed may be
-/// the allocator, and then whoever asks it for memory may wait for good. So nothing here asks it but what can't do without, fork() and
-/// setenv(), and whatever hangs all the same is ended after a while. Some of the rest is not allowed in signal context either, and can
-/// fail: better a report that mostly works than none.
+/// All but install() and prepare() runs in signal context, on whichever thread took the signal, or in the child forked there. What has
+/// crashed may be the allocator, and then whoever asks it for memory may wait for good. So nothing here asks it but what can't do without,
+/// fork() and setenv(), and whatever hangs all the same is ended after a while. Some of the rest is not allowed in signal context either,
+/// and can fail: better a report that mostly works than none.
 #include "crash_handler.h"
 
 #include <dlfcn.h>

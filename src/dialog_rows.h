@@ -18,8 +18,8 @@ struct Choice {
     std::string text;  ///< as it is shown
 };
 
-/// A combo box with its label. `wrap_width` is the number of columns in which it lists its choices, 0 for a plain list. The active choice is
-/// set before the signal is connected, so that building raises no change.
+/// A combo box with its label. `wrap_width` is the number of columns in which it lists its choices, 0 for a plain list. The active choice
+/// is set before the signal is connected, so that building raises no change.
 GtkWidget* create_combo_row(const char* label, const std::vector<Choice>& choices, const std::string& active, const Handlers& handlers,
                             GCallback on_changed, int wrap_width = 0);
 

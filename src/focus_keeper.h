@@ -5,8 +5,8 @@
 
 #include <cstddef>
 
-/// Remembers which widget of a box has the keyboard focus, by its place, so that the widget which stands there after the box was filled anew
-/// can get it: whoever works without a mouse would have to start over.
+/// Remembers which widget of a box has the keyboard focus, by its place, so that the widget which stands there after the box was filled
+/// anew can get it: whoever works without a mouse would have to start over.
 class FocusKeeper {
 public:
     explicit FocusKeeper(GtkWidget* box);

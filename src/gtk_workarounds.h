@@ -17,8 +17,8 @@ void pass_left_key(GtkWidget* expander);
 /// Moves a window, also one that is hidden: GTK forgets the place of a window that has been shown and hidden.
 void move_window(GtkWindow* window, int x, int y);
 
-/// A button that opens the address as GTK's own would, with two differences: what is started can be ended by signals, and a desktop without a
-/// program for the address gives no warning.
+/// A button that opens the address as GTK's own would, with two differences: what is started can be ended by signals, and a desktop without
+/// a program for the address gives no warning.
 GtkWidget* create_link_button(const char* uri, const char* label);
 
 /// Closes all choosers of colours, for good. To be called before the buttons go that have opened them, and the choosers with these: on its

@@ -34,8 +34,9 @@ public:
     /// Formats, in the manner of printf, the text for a key that is a format. A format that can't be expanded comes back as it is.
     std::string trf(const char* format_key, ...) const __attribute__((format(printf, 2, 3)));
 
-    /// What stands before figures and their Latin units in a longer text; empty unless the language is written from right to left. There the
-    /// pieces of "95°C / 100°C" would each find a place of their own behind a word, and a line that begins with "4C" would run left to right.
+    /// What stands before figures and their Latin units in a longer text; empty unless the language is written from right to left. There
+    /// the pieces of "95°C / 100°C" would each find a place of their own behind a word, and a line that begins with "4C" would run left to
+    /// right.
     const char* figure_marks() const;
 
     /// The font family of the interface in the current language, "monospace" or "sans-serif".

@@ -6,7 +6,8 @@
 #include <optional>
 
 /// The X server forgets what lies beside the screen and asks for it when it comes there, unless a compositor has it keep the whole, for the
-/// small picture of an overview perhaps. So a window of hundreds of cards, several screens high, need not be painted as far down as it goes.
+/// small picture of an overview perhaps. So a window of hundreds of cards, several screens high, need not be painted as far down as it
+/// goes.
 class ScreenReach {
 public:
     explicit ScreenReach(GdkWindow* window);

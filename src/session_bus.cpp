@@ -1,4 +1,4 @@
-/// A thread of its own waits for the bus, and the main thread for that one, no longer than TIMEOUT_MS.
+/// A thread of its own waits for the bus, and the main thread for that one, no longer than CONNECT_TIMEOUT_MS.
 #include "session_bus.h"
 
 #include <chrono>
@@ -19,11 +19,11 @@ struct Connecting {
 bool g_given_up = false;
 GWeakRef g_connected;  // the bus that connect() gave out last, as long as somebody keeps it
 
-/// Whether GLib can give out a connection that is there already, for which nobody has to wait.
-bool is_connected()
+/// The connection that is there already, or null.
+SessionBus::Connection present_connection()
 {
-    const SessionBus::Connection bus(static_cast<GDBusConnection*>(g_weak_ref_get(&g_connected)));
-    return bus != nullptr && g_dbus_connection_is_closed(bus.get()) == FALSE;
+    SessionBus::Connection bus(static_cast<GDBusConnection*>(g_weak_ref_get(&g_connected)));
+    return bus != nullptr && g_dbus_connection_is_closed(bus.get()) == FALSE ? std::move(bus) : nullptr;
 }
 
 /// Body of a thread: connects to the session bus, and lets its end not be that of the program, as GLib would.
@@ -55,7 +55,7 @@ SessionBus::Connection SessionBus::connect()
     if (g_given_up) {
         return nullptr;
     }
-    if (is_connected()) {  // a busy computer may let a thread begin late, and the bus would be given up
+    if (const Connection present = present_connection()) {  // as long as it is kept GLib gives it out, and nobody has to wait
         return Connection(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
     }
     const SignalGate::ForNewPrograms gate;  // GLib starts a bus where there is none
@@ -68,7 +68,7 @@ SessionBus::Connection SessionBus::connect()
         return nullptr;
     }
     g_thread_unref(thread);
-    g_given_up = bus.wait_for(std::chrono::milliseconds(TIMEOUT_MS)) != std::future_status::ready;
+    g_given_up = bus.wait_for(std::chrono::milliseconds(CONNECT_TIMEOUT_MS)) != std::future_status::ready;
     if (g_given_up) {
         g_cancellable_cancel(connecting->given_up.get());
         return nullptr;

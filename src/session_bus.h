@@ -8,7 +8,8 @@
 
 namespace SessionBus {
 
-constexpr int TIMEOUT_MS = 500;  ///< for the connection, and for an answer over it; the main thread waits meanwhile
+constexpr int CONNECT_TIMEOUT_MS = 3000;  ///< for the connection: once late it is given up for good, and a session that begins is busy
+constexpr int ANSWER_TIMEOUT_MS = 500;    ///< for an answer over it; the main thread waits for both
 
 struct Unref {
     void operator()(gpointer object) const { g_object_unref(object); }

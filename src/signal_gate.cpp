@@ -58,8 +58,8 @@ GPollFunc usual_poll_function()
     return g_main_context_get_poll_func(fresh);
 }
 
-/// "prepare" of a source that is never ready. The poll function that is about to be called may be a library's, which keeps the gate shut: the
-/// main loop waits with it until the next tick at the latest, and comes by here again.
+/// "prepare" of a source that is never ready. The poll function that is about to be called may be a library's, which keeps the gate shut:
+/// the main loop waits with it until the next tick at the latest, and comes by here again.
 gboolean deliver_before_foreign_poll(GSource*, gint* timeout_ms)
 {
     if (g_main_context_get_poll_func(nullptr) != poll_with_gate_open) {

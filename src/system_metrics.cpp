@@ -268,8 +268,8 @@ bool SystemMetrics::decide_throttling(double temperature)
     return more;
 }
 
-/// Waits for stop() rather than in short sleeps: one wake-up a pass, and it is heard at once. The end of the pause is fixed at its start, so
-/// an interrupted wait goes on with what is left.
+/// Waits for stop() rather than in short sleeps: one wake-up a pass, and it is heard at once. The end of the pause is fixed at its start,
+/// so an interrupted wait goes on with what is left.
 void SystemMetrics::wait_for_next_pass()
 {
 #ifdef __GLIBC__

@@ -10,6 +10,6 @@ inline constexpr double MILLIDEGREES_PER_DEGREE = 1000.0;
 /// The file with the CPU's temperature: that of a thermal zone, else of a hwmon chip; empty if there is none.
 std::string find_temperature_input();
 
-/// The limit in degrees Celsius that stands beside that file, which may be empty, or else among the trip points of the thermal zones; empty if
-/// the machine names none that can be believed.
+/// The limit in degrees Celsius that stands beside that file, which may be empty, or else among the trip points of the thermal zones; empty
+/// if the machine names none that can be believed.
 std::optional<double> find_temperature_limit(const std::string& temp_path);

@@ -3,6 +3,6 @@
 
 #include <gtk/gtk.h>
 
-/// Gives it to all windows that are not on the screen yet. It is painted here, whatever the icon theme has: to read a theme takes a tenth of
-/// the program's start, and desktops show the theme's by themselves, as the desktop entry names it.
+/// Gives it to all windows that are not on the screen yet. It is painted here, whatever the icon theme has: to read a theme takes a tenth
+/// of the program's start, and desktops show the theme's by themselves, as the desktop entry names it.
 void set_window_icon();

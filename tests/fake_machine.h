@@ -25,7 +25,8 @@
 #include <thread>
 #include <vector>
 
-/// For whatever has to come: a deadline for a machine that does a hundred other things, not an expectation. What comes costs no more for it.
+/// For whatever has to come: a deadline for a machine that does a hundred other things, not an expectation. What comes costs no more for
+/// it.
 constexpr std::chrono::milliseconds DEADLINE = std::chrono::minutes(2);
 
 /// Whether the condition comes true before the deadline.

@@ -1,5 +1,5 @@
-/// The way of the window onto the screen: painted in memory, and after a tick nothing of the cards but what the tick has changed. What comes
-/// of it has to be what GTK paints by itself.
+/// The way of the window onto the screen: painted in memory, and after a tick nothing of the cards but what the tick has changed. What
+/// comes of it has to be what GTK paints by itself.
 #include <sys/shm.h>
 
 #include <algorithm>

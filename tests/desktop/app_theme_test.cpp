@@ -364,7 +364,7 @@ TEST_F(AppTheme, BusThatIsKeptIsTakenWithoutWaitingForAThread)
     EXPECT_EQ(g_overheard.threads, threads);
 }
 
-TEST_F(AppTheme, BusThatDoesNotConnectIsGivenUpOnceForAll)
+TEST_F(AppTheme, BusThatDoesNotConnectIsGivenUpOnceForAllButNotAtOnce)
 {
     IdleApp app;
     gtk_says(true);
@@ -378,7 +378,7 @@ TEST_F(AppTheme, BusThatDoesNotConnectIsGivenUpOnceForAll)
     };
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_TRUE(App::system_prefers_dark());
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3)) << "a session that begins is busy, and so is its bus";
     EXPECT_TRUE(App::system_prefers_dark());
     app.watch_system_theme();
     EXPECT_TRUE(wait_until([&] { return was_cancelled.load(); }));

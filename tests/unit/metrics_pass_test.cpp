@@ -1,9 +1,7 @@
 /// The course of the sampler's construction and of its passes: in which order files are read, that nothing is held meanwhile, how a pass
 /// is published, and how it ends.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <semaphore.h>
 
 #include <atomic>
 #include <functional>
@@ -11,6 +9,7 @@
 #include <list>
 
 #include "cpu_reader.h"
+#include "lasting_pauses.h"
 #include "sensor_machine.h"
 #include "system_metrics.h"
 
@@ -24,31 +23,6 @@ namespace {
 const std::string CPUINFO = "/proc/cpuinfo";
 
 constexpr double KB = 1.0 / 1024 / 1024;  // GiB
-
-std::atomic<bool> g_pauses_last{false};  ///< whether a pause lasts until somebody ends it
-
-}  // namespace
-
-/// Takes the place of the C library's wait, so that a busy computer has no second pass where one is counted.
-extern "C" int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end)
-{
-    static const auto real = reinterpret_cast<decltype(&sem_clockwait)>(dlsym(RTLD_NEXT, "sem_clockwait"));
-    constexpr time_t LONG_S = 3600;
-    timespec its_end = *end;
-    its_end.tv_sec += g_pauses_last ? LONG_S : 0;
-    return real(semaphore, clock, &its_end);
-}
-
-namespace {
-
-/// The sampler makes one pass after each start, and no other.
-class LastingPauses {
-public:
-    LastingPauses() { g_pauses_last = true; }
-    ~LastingPauses() { g_pauses_last = false; }
-    LastingPauses(const LastingPauses&) = delete;
-    LastingPauses& operator=(const LastingPauses&) = delete;
-};
 
 /// A machine on which everything can be measured; two CPUs.
 class FullMachine : public FakeMachine {

@@ -1,10 +1,10 @@
 /// Package power from the energy counter. The test holds the clock that the readings are measured by.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <limits>
 
+#include "held_clock.h"
 #include "sensor_machine.h"
 #include "system_metrics.h"
 
@@ -14,23 +14,6 @@ using testing::IsEmpty;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::optional<Clock::time_point> g_time;  ///< what the clock shows; without it the true time
-
-}  // namespace
-
-/// Takes the place of the standard library's function.
-std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept
-{
-    if (g_time) {
-        return *g_time;
-    }
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return time_point(seconds(now.tv_sec) + nanoseconds(now.tv_nsec));
-}
-
-namespace {
 
 constexpr std::uint64_t JOULE = 1000000;  // microjoules
 

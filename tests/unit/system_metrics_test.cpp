@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <semaphore.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "fake_machine.h"
+#include "lasting_pauses.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -33,8 +33,7 @@ constexpr const char* CPUINFO = "/proc/cpuinfo";
 const std::string CPU_FOLDER = "/sys/devices/system/cpu";
 
 constexpr int NEVER = -1;
-std::atomic<bool> g_pauses_last{false};  ///< whether a pause lasts until somebody ends it
-int g_entries_until_failure = NEVER;     ///< how far the next walk of a directory gets
+int g_entries_until_failure = NEVER;  ///< how far the next walk of a directory gets
 
 std::string cpu_name(const std::string& cpuinfo)
 {
@@ -71,18 +70,8 @@ Entry* next_entry(DIR* folder, const char* function)
 
 }  // namespace
 
-/// Takes the place of the C library's wait, so that it is seen whether it ends by itself without a look at the time.
-extern "C" int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end)
-{
-    static const auto real = reinterpret_cast<decltype(&sem_clockwait)>(dlsym(RTLD_NEXT, "sem_clockwait"));
-    constexpr time_t LONG_S = 3600;
-    timespec its_end = *end;
-    its_end.tv_sec += g_pauses_last ? LONG_S : 0;
-    return real(semaphore, clock, &its_end);
-}
-
-/// These take the places of the C library's functions. Which of them a walk calls depends on the machine: where numbers of files have 32 bits,
-/// the second.
+/// These take the places of the C library's functions. Which of them a walk calls depends on the machine: where numbers of files have 32
+/// bits, the second.
 extern "C" dirent* readdir(DIR* folder)
 {
     return next_entry<dirent>(folder, "readdir");
@@ -481,7 +470,7 @@ TEST(Sampler, StopWithoutStartOrASecondTimeDoesNothing)
 
 TEST(Sampler, StopEndsThePause)
 {
-    g_pauses_last = true;
+    const LastingPauses lasting;
     FakeMachine machine;
     SystemMetrics metrics;
     for (int round = 0; round < 3; ++round) {
@@ -569,7 +558,7 @@ TEST(Sampler, StopEndsThePauseThoughNoDescriptorWasToBeHad)
     SystemMetrics metrics;
     setrlimit(RLIMIT_NOFILE, &usual);
     metrics.start();
-    g_pauses_last = true;
+    const LastingPauses lasting;
     ASSERT_TRUE(wait_until(others_sleep));
     auto stopped = std::async(std::launch::async, [&] { metrics.stop(); });
     EXPECT_EQ(std::future_status::ready, stopped.wait_for(DEADLINE));

@@ -69,7 +69,8 @@ struct WindowManagerTest : testing::Test {
         return saved();
     }
 
-    /// Expects for every key of both sets that a file whose `"key"` is followed by these bytes gives that number, or without one the default.
+    /// Expects for every key of both sets that a file whose `"key"` is followed by these bytes gives that number, or without one the
+    /// default.
     void expect_number(std::optional<int> number, const std::string& behind_key)
     {
         for (const bool horizontal : {false, true}) {
