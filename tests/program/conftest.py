@@ -23,6 +23,8 @@ from monitor import Monitor, Start, settings_text, write_settings  # noqa: E402
 
 WINDOW_MANAGERS = ("openbox", "xfwm4")
 
+STARTED = pytest.StashKey[list[Monitor]]()
+
 
 @pytest.fixture(scope="session")
 def program() -> Path:
@@ -94,14 +96,23 @@ def german_locale(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return folder
 
 
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
+    """A failure tells what the programs are doing at that moment: the next time may be long in coming."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed and report.when != "teardown":
+        report.sections += [(f"program {monitor.pid}", monitor.condition()) for monitor in item.stash.get(STARTED, [])]
+
+
 @pytest.fixture
-def start(program: Path, tmp_path: Path, displays: ExitStack, machines: ExitStack) -> Iterator[Start]:
+def start(request: pytest.FixtureRequest, program: Path, tmp_path: Path, displays: ExitStack, machines: ExitStack) -> Iterator[Start]:
     """Starts the program; what a test leaves running gets SIGTERM afterwards, and has to end well.
 
     `machine` is a description; without one the program runs on the real machine. `settings` are changes to the usual
     settings file; None leaves the home folder empty.
     """
-    started: list[Monitor] = []
+    started = request.node.stash[STARTED] = []
 
     def start_monitor(display: Display, machine: dict | Machine | None = None,
                       settings: dict[str, str] | None = {}, **options: object) -> Monitor:

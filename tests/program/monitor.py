@@ -9,13 +9,15 @@ import signal
 import subprocess
 import time
 from collections.abc import Callable, Mapping, Sequence
+from contextlib import suppress
 from dataclasses import dataclass
 from pathlib import Path
 
 import numpy
 
 from accessibility import AccessibilityBus, Address, Node, Rect
-from displays import TIMEOUT, Display, SwayDisplay, WestonDisplay, XDisplay, load_picture, wait_until
+from display_x11 import run_tool
+from displays import TIMEOUT, Display, DisplayError, SwayDisplay, WestonDisplay, XDisplay, load_picture, wait_until
 from fakemachine import Machine
 
 MAX_LOOKS, MANY_CARDS = 5, 32  # at a window whose parts may be moving; where a look takes long
@@ -179,6 +181,18 @@ class Monitor:
             except OSError:
                 continue  # it has just ended
         return names
+
+    def condition(self) -> str:
+        """For whoever looks into a failed test: whether it runs, the call in which each thread waits, what it has written, the windows."""
+        lines = [f"status {self.status}"]
+        for task in self._tasks():
+            with suppress(OSError):
+                lines.append(" ".join((task / name).read_text().strip() for name in ("comm", "wchan", "syscall")))
+        if isinstance(self.display, XDisplay):
+            with suppress(DisplayError, OSError, subprocess.SubprocessError):
+                windows = run_tool(["xwininfo", "-root", "-tree"], self.display.env).splitlines()
+                lines += [line for line in windows if '"' in line]  # those with a name
+        return "\n".join([*lines, self.complaints()])
 
     def kill(self) -> None:
         """Ends it at once, whatever it does."""

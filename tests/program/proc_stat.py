@@ -29,3 +29,20 @@ def usages(before: Sequence[Line], after: Sequence[Line]) -> list[float]:
 def percentage(load: float) -> str:
     """A load as a card shows it."""
     return f"{load * 100:.0f}%"
+
+
+def bounds(first: tuple[Line, Line], last: tuple[Line, Line]) -> tuple[float, float]:
+    """The least and the greatest busy share of a time that began somewhere between two states, and ended somewhere between two later ones."""
+    (began_after, began_before), (ended_after, ended_before) = [[_busy_and_idle(line) for line in states] for states in (first, last)]
+    least, longest_rest = ended_after[0] - began_before[0], ended_before[1] - began_after[1]
+    most, shortest_rest = ended_before[0] - began_after[0], ended_after[1] - began_before[1]
+    return _share(max(least, 0), longest_rest), _share(most, max(shortest_rest, 0))
+
+
+def _busy_and_idle(line: Line) -> tuple[int, int]:
+    idle = line[IDLE] + line[IOWAIT]
+    return sum(line) - idle, idle
+
+
+def _share(busy: int, idle: int) -> float:
+    return busy / (busy + idle) if busy + idle > 0 else 0.0

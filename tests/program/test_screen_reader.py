@@ -169,6 +169,7 @@ import gi
 gi.require_version("Atspi", "2.0")
 from gi.repository import Atspi, GLib
 Atspi.init()
+Atspi.set_timeout(60000, 60000)  # a busy program answers late
 
 def walk(node):
     yield node
