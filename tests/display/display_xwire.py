@@ -7,6 +7,7 @@ keeping the connections of programs that have ended from being used again.
 
 from __future__ import annotations
 
+import itertools
 import select
 import socket
 import struct
@@ -16,9 +17,10 @@ from collections.abc import Callable
 from contextlib import suppress
 
 # Numbers of the core protocol: requests, events, event masks, attributes.
+CREATE_WINDOW, DESTROY_WINDOW, MAP_WINDOW = 1, 4, 8
 CHANGE_WINDOW_ATTRIBUTES, GET_WINDOW_ATTRIBUTES, INTERN_ATOM, GET_PROPERTY, SEND_EVENT = 2, 3, 16, 20, 25
 GET_INPUT_FOCUS = 43
-CREATE_NOTIFY, DESTROY_NOTIFY, CLIENT_MESSAGE = 16, 17, 33
+CREATE_NOTIFY, DESTROY_NOTIFY, MAP_NOTIFY, CLIENT_MESSAGE = 16, 17, 19, 33
 STRUCTURE_NOTIFY_MASK, SUBSTRUCTURE_NOTIFY_MASK = 1 << 17, 1 << 19
 SUBSTRUCTURE_REDIRECT_MASK = 1 << 20
 PROPERTY_CHANGE_MASK = 1 << 22
@@ -26,6 +28,8 @@ EVENT_MASK_ATTRIBUTE = 1 << 11
 ERROR, REPLY = 0, 1
 
 HOPE_INTERVAL = 0.1  # seconds between two questions whether waiting still makes sense
+FIRST_PATIENCE = 1.0  # seconds for a window manager to map a window
+TRIAL_SIZE = 100  # pixels; of the window by which it is tried
 
 
 class XWire:
@@ -74,6 +78,15 @@ class XWire:
         _, rest = self._reply()
         (masks,) = struct.unpack_from("<I", rest)
         return bool(masks & SUBSTRUCTURE_REDIRECT_MASK)
+
+    def map_window(self, window: int) -> None:
+        """Creates a window of that number, one of this connection's, and asks to have it mapped. Its changes are events from then on."""
+        self._socket.sendall(struct.pack("<BxHIIhhHHHHIII", CREATE_WINDOW, 9, window, self.root, 0, 0, TRIAL_SIZE, TRIAL_SIZE, 0, 0, 0,
+                                         EVENT_MASK_ATTRIBUTE, STRUCTURE_NOTIFY_MASK))
+        self._socket.sendall(struct.pack("<BxHI", MAP_WINDOW, 2, window))
+
+    def destroy_window(self, window: int) -> None:
+        self._socket.sendall(struct.pack("<BxHI", DESTROY_WINDOW, 2, window))
 
     def send_delete(self, window: int) -> None:
         """What a window manager sends when its close button is pressed."""
@@ -125,7 +138,7 @@ def wait_for_window_manager(number: int, is_modern: bool, timeout: float,
     """Waits until somebody manages the windows; False after the timeout or without hope.
 
     A modern window manager says on the root window when it is ready. An old one takes the
-    decision about windows to itself, and that is all.
+    decision about windows to itself, and that is all. Neither says that it manages what comes now.
     """
     wire = XWire(number)
     try:
@@ -140,6 +153,40 @@ def wait_for_window_manager(number: int, is_modern: bool, timeout: float,
         return True
     finally:
         wire.close()
+
+
+def wait_for_managed_window(number: int, timeout: float, hope: Callable[[], bool]) -> XWire | None:
+    """Waits until the window manager shows a window; None after the timeout or without hope.
+
+    One that comes between a manager's word that it is ready and its first look at events may never
+    be shown (seen with openbox on a busy machine). So windows of ours are tried, one after another.
+    The connection is to be kept as long as the display: a program in its slot would give a window
+    the number of one that the manager may still be forgetting.
+    """
+    wire = XWire(number)
+    deadline = time.monotonic() + timeout
+    patience = FIRST_PATIENCE
+    for window in itertools.count(wire.base):
+        wire.map_window(window)
+        is_shown = _is_shown(wire, window, time.monotonic() + patience, hope)
+        wire.destroy_window(window)
+        if is_shown:
+            return wire
+        if not hope() or time.monotonic() >= deadline:
+            break
+        patience *= 2
+    wire.close()
+    return None
+
+
+def _is_shown(wire: XWire, window: int, end: float, hope: Callable[[], bool]) -> bool:
+    """Waits until that window of the connection has been mapped."""
+    while time.monotonic() < end and hope():
+        if wire.wait_for_message(HOPE_INTERVAL):
+            message = wire.next_message()
+            if message[:1] == bytes([MAP_NOTIFY]) and struct.unpack_from("<I", message, 8) == (window,):
+                return True
+    return False
 
 
 class SlotKeeper(threading.Thread):

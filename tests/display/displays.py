@@ -31,7 +31,7 @@ from display_pictures import load_picture, pixel
 from display_process import (TIMEOUT, DisplayError, Process, ReadyPipe, WaitTimeout,
                              dying_with_parent, end_processes_with, wait_until)
 from display_x11 import Geometry, X11Windows, run_tool
-from display_xwire import SlotKeeper, XWire, wait_for_window_manager
+from display_xwire import SlotKeeper, XWire, wait_for_managed_window, wait_for_window_manager
 
 __all__ = ["TIMEOUT", "Display", "DisplayError", "Geometry", "Process", "SwayDisplay", "TwoMonitors",
            "WaitTimeout", "WestonDisplay", "XDisplay", "load_picture", "pixel", "wait_until"]
@@ -241,6 +241,7 @@ class XDisplay(X11Windows, Display):
         self.window_manager = window_manager
         self._server_options = server_options
         self._keeper: SlotKeeper | None = None
+        self._trial: XWire | None = None
 
     def _start(self) -> None:
         pipe = ReadyPipe()
@@ -262,19 +263,28 @@ class XDisplay(X11Windows, Display):
     def _start_window_manager(self) -> None:
         if self.window_manager is None:
             return
+        self._run_window_manager()
+        self._trial = wait_for_managed_window(self.number, TIMEOUT, hope=self._manager.running)
+        if self._trial is None:
+            self._complain_of_manager()
+
+    def _run_window_manager(self) -> None:
         kind = WINDOW_MANAGERS[self.window_manager]
         self._manager = self._serve(self.window_manager, kind.set_up(self.home),
                                     {"GDK_SCALE": "1", **kind.variables})
         if not wait_for_window_manager(self.number, kind.is_modern, TIMEOUT,
                                        hope=self._manager.running):
-            raise DisplayError(f"{self._manager} does not manage windows:\n"
-                               f"{self._manager.last_words()}")
+            self._complain_of_manager()
+
+    def _complain_of_manager(self) -> None:
+        raise DisplayError(f"{self._manager} does not manage windows:\n"
+                           f"{self._manager.last_words()}")
 
     def replace_window_manager(self) -> None:
-        """Lets the window manager die, and starts another of its kind."""
+        """Lets the window manager die, and starts another of its kind, which has windows to manage."""
         self._manager.send_signal(signal.SIGKILL)
         self._manager.wait(TIMEOUT)
-        self._start_window_manager()
+        self._run_window_manager()
 
     def spawn(self, argv: Sequence[str | Path], env_extra: Mapping[str, str | None] = {},
               wrap: Sequence[str | Path] | None = None, *, share_output: bool = False) -> Process:
@@ -291,6 +301,9 @@ class XDisplay(X11Windows, Display):
         if self._keeper is not None:
             self._keeper.stop()
             self._keeper = None
+        if self._trial is not None:
+            self._trial.close()
+            self._trial = None
         super().stop()
 
     def close(self, window: int) -> None:

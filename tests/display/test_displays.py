@@ -553,11 +553,49 @@ class LateSway(SwayDisplay):
         return super()._serve(name, argv, {**env_extra, "LD_PRELOAD": str(self._library)}, pass_fds)
 
 
+def library_of(folder: Path, source: str) -> Path:
+    library = folder / "late.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-x", "c", "-"], input=source, text=True, check=True)
+    return library
+
+
 def test_sway_obeys_from_its_start_on(tmp_path: Path) -> None:
-    library = tmp_path / "late.so"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-x", "c", "-"], input=LATE_LOOP, text=True, check=True)
-    with LateSway(library) as display:
+    with LateSway(library_of(tmp_path, LATE_LOOP)) as display:
         assert display.server.end(TIMEOUT) == 0
+
+
+LATE_LOOK = """\
+#define _GNU_SOURCE
+#include <X11/Xlib.h>
+#include <dlfcn.h>
+#include <unistd.h>
+
+Status XQueryTree(Display* display, Window of, Window* root, Window* parent, Window** children, unsigned* count)
+{
+    sleep(2);
+    return ((Status (*)(Display*, Window, Window*, Window*, Window**, unsigned*))dlsym(RTLD_NEXT, "XQueryTree"))(
+        display, of, root, parent, children, count);
+}
+"""
+
+
+class LateOpenbox(XDisplay):
+    """Takes its time between saying that it is ready and looking for windows, as on a busy machine."""
+
+    def __init__(self, library: Path) -> None:
+        super().__init__()
+        self._library = library
+
+    def _serve(self, name: str, argv: Sequence[str], env_extra: Mapping[str, str] = {},
+               pass_fds: Sequence[int] = ()) -> Process:
+        preloaded = {"LD_PRELOAD": str(self._library)} if name == "openbox" else {}
+        return super()._serve(name, argv, {**env_extra, **preloaded}, pass_fds)
+
+
+def test_window_manager_shows_windows_from_its_start_on(tmp_path: Path, probe: Path) -> None:
+    with LateOpenbox(library_of(tmp_path, LATE_LOOK)) as display:
+        display.spawn([probe])
+        wait_for_quarters(display, tmp_path / "screen.png", 300, 200)
 
 
 @every_kind
