@@ -3,12 +3,27 @@
 
 #include <algorithm>
 
+#ifdef GDK_WINDOWING_X11
+#include <X11/Xlib.h>
+#endif
+
 namespace {
 
 GdkRectangle all_of(GdkWindow* window)
 {
     return {0, 0, gdk_window_get_width(window), gdk_window_get_height(window)};
 }
+
+#ifdef GDK_WINDOWING_X11
+/// The exposed part, in pixels, with all units of which it has a part.
+GdkRectangle in_units_of(GdkWindow* window, const XExposeEvent& exposed)
+{
+    const int scale = gdk_window_get_scale_factor(window);
+    const int x = exposed.x / scale;
+    const int y = exposed.y / scale;
+    return {x, y, (exposed.x + exposed.width + scale - 1) / scale - x, (exposed.y + exposed.height + scale - 1) / scale - y};
+}
+#endif
 
 constexpr const char* OWNER = "vantric-invalidations";
 constexpr std::size_t MOST_PARTS = 4096;  // that differ: several for each card
@@ -19,10 +34,12 @@ Invalidations::Invalidations(GdkWindow* window) : m_window(GDK_WINDOW(g_object_r
 {
     g_object_set_data(G_OBJECT(m_window), OWNER, this);
     gdk_window_set_invalidate_handler(m_window, note);
+    gdk_window_add_filter(m_window, on_event, m_window);
 }
 
 Invalidations::~Invalidations()
 {
+    gdk_window_remove_filter(m_window, on_event, m_window);
     gdk_window_set_invalidate_handler(m_window, nullptr);
     g_object_set_data(G_OBJECT(m_window), OWNER, nullptr);
     g_object_unref(m_window);
@@ -46,6 +63,21 @@ void Invalidations::note(GdkWindow* window, cairo_region_t* region)
     static_cast<Invalidations*>(g_object_get_data(G_OBJECT(window), OWNER))->add(region);
     const GdkRectangle all = all_of(window);
     cairo_region_union_rectangle(region, &all);
+}
+
+/// An expose event that was on its way while GDK had the window painted is news of before to GDK, which asked for all of the window then
+/// and does not know that less was painted.
+GdkFilterReturn Invalidations::on_event([[maybe_unused]] GdkXEvent* x_event, GdkEvent*, [[maybe_unused]] gpointer data)
+{
+#ifdef GDK_WINDOWING_X11
+    const auto& event = *static_cast<const XEvent*>(x_event);
+    if (event.type == Expose) {
+        auto* const window = static_cast<GdkWindow*>(data);
+        const GdkRectangle lost = in_units_of(window, event.xexpose);
+        gdk_window_invalidate_rect(window, &lost, FALSE);
+    }
+#endif
+    return GDK_FILTER_CONTINUE;
 }
 
 void Invalidations::add(const cairo_region_t* region)

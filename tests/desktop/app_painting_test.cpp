@@ -119,6 +119,16 @@ void tick_of_status(App& app, int number)
     app.update();
 }
 
+/// Has the server forget part of a window, and tell of it, as when another window has covered it.
+void lose(GdkWindow* window, const GdkRectangle& part)
+{
+    _XDisplay* const display = gdk_x11_display_get_xdisplay(gdk_window_get_display(window));
+    const unsigned long number = gdk_x11_window_get_xid(window);
+    next<int(_XDisplay*, unsigned long, unsigned long)>("XSetWindowBackground")(display, number, 0);
+    next<int(_XDisplay*, unsigned long, int, int, unsigned, unsigned, int)>("XClearArea")(
+        display, number, part.x, part.y, static_cast<unsigned>(part.width), static_cast<unsigned>(part.height), TRUE);
+}
+
 /// How often GTK has asked any widget to paint itself, from now on to the end of its life.
 class Draws {
 public:
@@ -292,6 +302,29 @@ class ScaledWindowOnScreen : public DesktopTest {
 protected:
     const ScopedEnv scale{"GDK_SCALE", "2"};
 };
+
+/// GDK takes the server's news of a part for old if it has that part painted before it hears of it: it does not see that a tick paints less
+/// of the window than it was asked for. The part is in pixels.
+void expect_whole_after_a_loss_before_a_tick(const GdkRectangle& part)
+{
+    IdleApp app(SMALL_CARDS);
+    app.apply_theme();
+    ASSERT_TRUE(app.show());
+    tick(app, 1);
+    ASSERT_TRUE(settle(app.m_window));
+    GdkWindow* const window = gtk_widget_get_window(app.m_window);
+    tick(app, 2);
+    lose(window, part);
+    gdk_display_sync(gdk_display_get_default());  // the news is there, but not yet read
+    for (const char* phase : {"layout", "paint"}) {
+        g_signal_emit_by_name(gdk_window_get_frame_clock(window), phase);
+    }
+    ASSERT_TRUE(settle(app.m_window));
+    const Screenshot shown(app.m_window);
+    gtk_widget_queue_draw(app.m_window);
+    ASSERT_TRUE(settle(app.m_window));
+    EXPECT_EQ(count_differing(shown, Screenshot(app.m_window), all_of(app.m_window), 0), 0);
+}
 
 GdkFilterReturn drop_exposures(GdkXEvent* event, GdkEvent*, gpointer)
 {
@@ -516,12 +549,14 @@ TEST_F(TickOnScreen, IsWholeAgainAfterPartOfItWasLost)
     const Screenshot before(app.m_window);
     const GdkRectangle all = all_of(app.m_window);
     const auto differing = [&] { return count_differing(Screenshot(app.m_window), before, all, 0); };
-    _XDisplay* const display = gdk_x11_display_get_xdisplay(gdk_display_get_default());
-    const unsigned long window = gdk_x11_window_get_xid(gtk_widget_get_window(app.m_window));
-    next<int(_XDisplay*, unsigned long, unsigned long)>("XSetWindowBackground")(display, window, 0);
-    next<int(_XDisplay*, unsigned long, int, int, unsigned, unsigned, int)>("XClearArea")(display, window, 10, 10, 100, 100, TRUE);
+    lose(gtk_widget_get_window(app.m_window), {10, 10, 100, 100});
     EXPECT_GT(differing(), 1000) << "lost";
     EXPECT_TRUE(iterate_until([&] { return differing() == 0; }));
+}
+
+TEST_F(TickOnScreen, IsWholeAgainThoughATickIsPaintedBeforeTheLossIsKnown)
+{
+    expect_whole_after_a_loss_before_a_tick({10, 10, 100, 100});
 }
 
 /// The X server asks for what comes onto the screen from beside it.
@@ -742,6 +777,12 @@ TEST_F(TickOnScreen, LeavesFramedLabelsToTheirTheme)
     apply(app, "light");
     ASSERT_TRUE(app.show());
     expect_ticks_as_by_gtk(app);
+}
+
+TEST_F(ScaledWindowOnScreen, IsWholeAgainThoughATickIsPaintedBeforeTheLossIsKnown)
+{
+    gtk_init(nullptr, nullptr);
+    expect_whole_after_a_loss_before_a_tick({11, 11, 100, 100});  // which begins and ends within a unit
 }
 
 TEST_F(ScaledWindowOnScreen, IsWhatGtkPaintsInFullResolution)
