@@ -4,7 +4,6 @@
 /// and can fail: better a report that mostly works than none.
 #include "crash_handler.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -26,9 +25,6 @@
 
 #ifdef HAVE_BACKTRACE
 #include <execinfo.h>
-#endif
-#ifdef __GLIBC__
-#include <gnu/lib-names.h>
 #endif
 
 namespace {
@@ -348,12 +344,13 @@ void crashHandler(int sig)
     std::raise(sig);
 }
 
-/// Does beforehand what takes memory when it happens for the first time.
+/// Does beforehand what takes memory, or the dynamic loader, when it happens for the first time.
 void prepare()
 {
     tzset();  // loads the time zone
-#ifdef __GLIBC__
-    dlopen(LIBGCC_S_SO, RTLD_LAZY);  // as backtrace() does; the program has it loaded, but its first opening takes memory all the same
+#ifdef HAVE_BACKTRACE
+    void* frame = nullptr;
+    backtrace(&frame, 1);  // opens a library the first time, which would end the program where it has crashed while opening another
 #endif
 }
 

@@ -634,6 +634,16 @@ def test_signal_from_outside_to_each_thread(index: int, functions: str, sway: Sw
     assert re.search(functions, report.functions), report.functions
 
 
+def test_crash_while_a_library_is_opened(x11: XDisplay, start: Start, preloaded: Callable[[str], dict[str, str]]) -> None:
+    library = preloaded("crash_in_loader")["LD_PRELOAD"]
+    # A module for GTK to open, whatever others are installed; any library will do
+    monitor = start(x11, env={"LD_AUDIT": library, "GTK_MODULES": library, "PATH": "/nowhere"}, accessible=False)
+    assert monitor.wait() == -signal.SIGSEGV
+    text = (x11.runtime_dir / REPORT_NAME).read_text()
+    assert is_whole(text)
+    assert parse_report(text).signal == signal_line(signal.SIGSEGV)
+
+
 def test_window_is_gone_while_the_dialogue_shows(x11: XDisplay, scene: CrashScene, start: Start) -> None:
     dialogue = WaitingDialogue(scene)
     monitor = start(x11, env={"PATH": str(scene.tools), **GERMAN}, accessible=False)
