@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 from displays import XDisplay
-from geometry_records import (UNSTORED, Home, Record, Stored, end_all, least_size, opened, understood, wait_for_place,
+from geometry_records import (STILL, UNSTORED, Home, Record, Stored, end_all, least_size, opened, understood, wait_for_place,
                               windows_of)
 from monitor import Start, as_root_without_rights
 
@@ -56,7 +56,7 @@ def test_damaged_contents(bare: XDisplay, start: Start, tmp_path: Path) -> None:
     homes = {name: Home(tmp_path / name) for name in DAMAGED}
     for name, home in homes.items():
         home.write(DAMAGED[name][0])
-    monitors = [home.start(start, bare) for home in homes.values()]
+    monitors = [home.start(start, bare, STILL) for home in homes.values()]
     for (name, home), window in zip(homes.items(), windows_of(bare, monitors)):
         _, record, other = DAMAGED[name]
         record = record._replace(width=record.width or least_size(bare, window)[0])
@@ -74,7 +74,7 @@ def test_start_with_a_file_cut_at_each_byte(bare: XDisplay, start: Start, tmp_pa
         homes = {cut: Home(tmp_path / str(cut)) for cut in range(first, min(first + at_once, OWN_HALF + 2))}
         for cut, home in homes.items():
             home.write(WHOLE[:cut])
-        monitors = [home.start(start, bare) for home in homes.values()]
+        monitors = [home.start(start, bare, STILL) for home in homes.values()]
         for (cut, home), window in zip(homes.items(), windows_of(bare, monitors)):
             read = understood(WHOLE[:cut])
             expected = opened(read.vertical, least_size(bare, window))
@@ -170,7 +170,7 @@ def test_unusual_files(bare: XDisplay, start: Start, tmp_path: Path) -> None:
         homes[name].geometry.parent.mkdir(parents=True)
         written[name] = prepare(homes[name])
     before = {name: looks(home) for name, home in homes.items()}
-    monitors = [home.start(start, bare, orientation=None, wrap=as_root_without_rights()) for home in homes.values()]
+    monitors = [home.start(start, bare, STILL, orientation=None, wrap=as_root_without_rights()) for home in homes.values()]
     ends_at: dict[str, Stored] = {}
     for (name, (_, is_read)), window in zip(UNUSUAL.items(), windows_of(bare, monitors)):
         record = VERTICAL if is_read else FIRST_START._replace(width=least_size(bare, window)[0])

@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 from displays import XDisplay, wait_until
-from geometry_records import Home, Record, Stored, end_all, least_size, shown, terminated, wait_for_place, windows_of
+from geometry_records import STILL, Home, Record, Stored, end_all, least_size, shown, terminated, wait_for_place, windows_of
 from monitor import TIMEOUT, Start, config_folder, frame_place, wait_for_main_loop
 
 VERTICAL, HORIZONTAL = Record(123, 77, 431, 567, 3), Record(40, 300, 900, 310, 5)
@@ -79,7 +79,7 @@ def test_stored_sizes(screen: tuple[int, int], sizes: dict[tuple[int, int], tupl
     homes = [Home(tmp_path / f"{width}x{height}") for width, height in sizes]
     for home, size in zip(homes, sizes):
         home.write(Stored(Record(33, 44, *size, 2), HORIZONTAL))
-    monitors = [home.start(start, display) for home in homes]
+    monitors = [home.start(start, display, STILL) for home in homes]
     first_start = Record((screen[0] - 66) // 2, (screen[1] - 700) // 2, LEAST, 700, 1)
     for window, home, (stored, size) in zip(windows_of(display, monitors), homes, sizes.items()):
         record = Record(33, 44, *size, 2) if size is not FIRST_START else first_start

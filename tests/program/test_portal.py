@@ -65,13 +65,25 @@ class Screen:
         return seen[0] if len(seen) == 1 else None
 
     def wait_for(self, monitor: Monitor, expected: int) -> None:
-        wait_until(lambda: self.scheme(monitor) == expected, TIMEOUT, f"a window in scheme {expected}")
+        wait_until(lambda: self.scheme(monitor) == expected, TIMEOUT, InVain(self, monitor, expected))
 
     def wait_for_ticks(self, monitor: Monitor) -> None:
         """Waits until the charts have moved twice: the main loop runs, and the sampling threads, too."""
         for _ in range(2):
             before = self.picture(monitor)
             wait_until(lambda: not numpy.array_equal(self.picture(monitor), before), TIMEOUT, "the next tick")
+
+
+class InVain:
+    """Told when a scheme has been waited for in vain: what the window's column shows instead."""
+
+    def __init__(self, screen: Screen, monitor: Monitor, expected: int) -> None:
+        self._screen, self._monitor, self._expected = screen, monitor, expected
+
+    def __str__(self) -> str:
+        colors, counts = numpy.unique(self._screen.picture(self._monitor).reshape(-1, 3), axis=0, return_counts=True)
+        commonest = sorted(zip(counts.tolist(), colors.tolist()), reverse=True)[:8]
+        return f"a window in scheme {self._expected} of program {self._monitor.pid}, whose column has (pixels, color) {commonest}"
 
 
 @pytest.fixture
