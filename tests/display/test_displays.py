@@ -504,6 +504,38 @@ def test_signals_are_passed_on(name: str) -> None:
     assert launcher.wait(TIMEOUT) == 42
 
 
+SIGNAL_BEFORE_A_WAIT = """\
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <signal.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+pid_t waitpid(pid_t pid, int* status, int options)
+{
+    static int is_sent = 0;
+    if (!is_sent && access(STARTED, F_OK) == 0) {
+        is_sent = 1;
+        while (access(READY, F_OK) != 0) {
+            usleep(1000);
+        }
+        kill(getpid(), SIGTERM);
+    }
+    return ((pid_t (*)(pid_t, int*, int))dlsym(RTLD_NEXT, "waitpid"))(pid, status, options);
+}
+"""
+
+
+def test_signal_just_before_the_wait_is_passed_on(tmp_path: Path) -> None:
+    started, ready, library = tmp_path / "started", tmp_path / "ready", tmp_path / "signal.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, f'-DSTARTED="{started}"', f'-DREADY="{ready}"', "-x", "c", "-"],
+                   input=SIGNAL_BEFORE_A_WAIT, text=True, check=True)
+    # The library is for the launcher alone: what else it starts goes without
+    script = f'unset LD_PRELOAD; touch {started}; trap "exit 42" TERM; touch {ready}; while :; do sleep 0.01; done'
+    launcher = subprocess.Popen([ON_DISPLAY, "--wm", "none", "--", "sh", "-c", script], env=os.environ | {"LD_PRELOAD": str(library)})
+    assert launcher.wait(TIMEOUT) == 42
+
+
 @every_kind
 def test_signal_during_the_start_ends_it_cleanly(kind: str) -> None:
     marker = f"on-display-test-{os.getpid()}-{kind}"
@@ -541,26 +573,30 @@ void wl_display_run(void* display)
 """
 
 
-class LateSway(SwayDisplay):
-    """Takes its time between its clients' start and its first look at events, as on a busy machine."""
+class Late(Display):
+    """Before a kind of display: one of its services gets a library that holds it up, as a busy machine does."""
 
-    def __init__(self, library: Path) -> None:
+    HELD_UP: str
+
+    def __init__(self, folder: Path, source: str) -> None:
         super().__init__()
-        self._library = library
+        self._library = folder / "late.so"
+        subprocess.run(["cc", "-shared", "-fPIC", "-o", self._library, "-x", "c", "-"], input=source, text=True, check=True)
 
     def _serve(self, name: str, argv: Sequence[str], env_extra: Mapping[str, str] = {},
                pass_fds: Sequence[int] = ()) -> Process:
-        return super()._serve(name, argv, {**env_extra, "LD_PRELOAD": str(self._library)}, pass_fds)
+        preloaded = {"LD_PRELOAD": str(self._library)} if name == self.HELD_UP else {}
+        return super()._serve(name, argv, {**env_extra, **preloaded}, pass_fds)
 
 
-def library_of(folder: Path, source: str) -> Path:
-    library = folder / "late.so"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-x", "c", "-"], input=source, text=True, check=True)
-    return library
+class LateSway(Late, SwayDisplay):
+    """Takes its time between its clients' start and its first look at events."""
+
+    HELD_UP = "sway"
 
 
 def test_sway_obeys_from_its_start_on(tmp_path: Path) -> None:
-    with LateSway(library_of(tmp_path, LATE_LOOP)) as display:
+    with LateSway(tmp_path, LATE_LOOP) as display:
         assert display.server.end(TIMEOUT) == 0
 
 
@@ -579,21 +615,14 @@ Status XQueryTree(Display* display, Window of, Window* root, Window* parent, Win
 """
 
 
-class LateOpenbox(XDisplay):
-    """Takes its time between saying that it is ready and looking for windows, as on a busy machine."""
+class LateOpenbox(Late, XDisplay):
+    """Takes its time between saying that it is ready and looking for windows."""
 
-    def __init__(self, library: Path) -> None:
-        super().__init__()
-        self._library = library
-
-    def _serve(self, name: str, argv: Sequence[str], env_extra: Mapping[str, str] = {},
-               pass_fds: Sequence[int] = ()) -> Process:
-        preloaded = {"LD_PRELOAD": str(self._library)} if name == "openbox" else {}
-        return super()._serve(name, argv, {**env_extra, **preloaded}, pass_fds)
+    HELD_UP = "openbox"
 
 
 def test_window_manager_shows_windows_from_its_start_on(tmp_path: Path, probe: Path) -> None:
-    with LateOpenbox(library_of(tmp_path, LATE_LOOK)) as display:
+    with LateOpenbox(tmp_path, LATE_LOOK) as display:
         display.spawn([probe])
         wait_for_quarters(display, tmp_path / "screen.png", 300, 200)
 
