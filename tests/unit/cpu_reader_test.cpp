@@ -1,10 +1,14 @@
 /// The loads of the CPUs: lines of /proc/stat, the load between two readings, histories, and the sampling thread.
 #include "cpu_reader.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <limits>
@@ -22,6 +26,8 @@ using testing::SizeIs;
 using RawStat = CPUReader::RawStat;
 
 namespace {
+
+std::atomic<std::chrono::nanoseconds> g_longest_sleep;  // that a thread has asked for
 
 constexpr const char* STAT = "/proc/stat";
 constexpr std::uint64_t HUGE_NUMBER = std::numeric_limits<std::uint64_t>::max();
@@ -578,6 +584,18 @@ TEST(RunningReader, PausesOneSecondBeforeASampleEvenWhenSignalsInterruptIt)
     sigaction(SIGUSR1, &before, nullptr);
 }
 
+TEST(RunningReader, PausesNoLongerThanOneSecond)
+{
+    FakeMachine machine;
+    machine.stat({{1, 0}});
+    CPUReader reader;
+    g_longest_sleep = std::chrono::nanoseconds(0);
+    reader.start();
+    ASSERT_TRUE(wait_until([&] { return samples(reader) > 0; }));
+    EXPECT_EQ(std::chrono::seconds(1), g_longest_sleep.load()) << "asked for: how long a sleep lasts is the computer's affair";
+    reader.stop();
+}
+
 TEST(RunningReader, StopDuringThePauseReadsNothingMore)
 {
     FedReader reader;
@@ -656,3 +674,12 @@ TEST(RunningReader, EveryGetterAnswersInAThreadOfItsOwnMeanwhile)
 }
 
 }  // namespace
+
+/// Takes the place of the C library's, for the whole test program.
+extern "C" int nanosleep(const timespec* length, timespec* rest)
+{
+    static const auto real = reinterpret_cast<decltype(&nanosleep)>(dlsym(RTLD_NEXT, "nanosleep"));
+    const std::chrono::nanoseconds asked = std::chrono::seconds(length->tv_sec) + std::chrono::nanoseconds(length->tv_nsec);
+    g_longest_sleep = std::max(g_longest_sleep.load(), asked);
+    return real(length, rest);
+}
