@@ -104,6 +104,7 @@ class AccessibilityBus:
         finally:
             session.close_sync(None)
         self._bus = _connect(address)
+        self._roles: dict[Address, str] = {}  # of all objects seen so far: an object keeps its own
 
     def __enter__(self) -> Self:
         return self
@@ -136,13 +137,19 @@ class AccessibilityBus:
         (top,) = self._look([root])
         generation = [top]
         while generation:
-            families = self._ask([Call(node.address, ACCESSIBLE, "GetChildren") for node in generation])
-            addresses = [[Address(*one) for one in children] for (children,) in families]
+            addresses = self._children_of([node.address for node in generation])
             found = iter(self._look([one for children in addresses for one in children]))
             for node, children in zip(generation, addresses):
                 node.children = [next(found) for _ in children]
             generation = [child for node in generation for child in node.children if child.role not in closed]
         return top
+
+    def has(self, root: Address, role: str) -> bool:
+        """Whether the object is, or has anywhere below it, one of that role."""
+        generation = [root]
+        while generation and role not in self._roles_of(generation):
+            generation = [child for children in self._children_of(generation) for child in children]
+        return bool(generation)
 
     def names(self, addresses: Sequence[Address]) -> list[str]:
         """The names of these objects; a label's is its text."""
@@ -254,15 +261,25 @@ class AccessibilityBus:
     # --- asking ---
 
     def _look(self, addresses: Sequence[Address]) -> list[Node]:
-        names = self.names(addresses)
-        roles = self._ask([Call(address, ACCESSIBLE, "GetRoleName") for address in addresses])
-        whole = GLib.Variant("(u)", (WINDOW_COORDINATES,))
+        roles = self._roles_of(addresses)
+        name, whole = GLib.Variant("(ss)", (ACCESSIBLE, "Name")), GLib.Variant("(u)", (WINDOW_COORDINATES,))
         # The application itself stands nowhere; it has no parent to be asked from.
-        rects = [Rect(0, 0, 0, 0)] * len(addresses) if roles and roles[0] == ("application",) else [
-            Rect(*place) for (place,) in self._ask(
-                [Call(address, COMPONENT, "GetExtents", whole) for address in addresses])]
-        return [Node(address, role, name, rect)
-                for address, (role,), name, rect in zip(addresses, roles, names, rects)]
+        placed = addresses if roles != ["application"] else []
+        answers = self._ask([Call(address, "org.freedesktop.DBus.Properties", "Get", name) for address in addresses]
+                            + [Call(address, COMPONENT, "GetExtents", whole) for address in placed])
+        names = [text for (text,) in answers[:len(addresses)]]
+        rects = [Rect(*place) for (place,) in answers[len(addresses):]] or [Rect(0, 0, 0, 0)]
+        return [Node(*one) for one in zip(addresses, roles, names, rects)]
+
+    def _roles_of(self, addresses: Sequence[Address]) -> list[str]:
+        new = [address for address in addresses if address not in self._roles]
+        answers = self._ask([Call(address, ACCESSIBLE, "GetRoleName") for address in new])
+        self._roles.update(zip(new, (role for (role,) in answers)))
+        return [self._roles[address] for address in addresses]
+
+    def _children_of(self, generation: Sequence[Address]) -> list[list[Address]]:
+        families = self._ask([Call(address, ACCESSIBLE, "GetChildren") for address in generation])
+        return [[Address(*one) for one in children] for (children,) in families]
 
     def _ask(self, calls: Sequence[Call]) -> list[tuple[Any, ...]]:
         answers: list[tuple[Any, ...]] = []

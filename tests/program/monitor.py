@@ -265,8 +265,7 @@ class Monitor:
                 assert self.running(), f"ended with {self.status}\n{self.complaints()}"
                 return self.bus.application(self.pid)
             root = wait_until(come_forward, TIMEOUT, "the program on the accessibility bus")
-            wait_until(lambda: any(node.role == "push button" for node in self.bus.tree(root).walk()), TIMEOUT,
-                       "a window with something in it")
+            wait_until(lambda: self.bus.has(root, "push button"), TIMEOUT, "a window with something in it")
             self._root = root
         return self._root
 
