@@ -15,7 +15,9 @@ SHORTEST_PASS = 1.9  # seconds between two readings of the energy counter; a lit
 
 STATUS = re.compile(r"(?:CPU (\d+)°C)?(?:  (\d+\.\d)W)?")
 THROTTLE = re.compile(r"(?:(?:🔥 )?\D+ (\d{1,3})%)?")
-TOOLTIP = re.compile(r"|\D+ (?P<alone>\d{1,3})%|(?:\D+: )?(?P<celsius>\d+)°C / (?P<limit>\d+)°C(?:\n\D+ (?P<throttle>\d{1,3})%)?")
+DIRECTION = "[\u200e\u200f]*"  # marks before figures, where words are written from right to left
+TOOLTIP = re.compile(
+    rf"|\D+ (?P<alone>\d{{1,3}})%|(?:\D+: {DIRECTION})?(?P<celsius>\d+)°C / (?P<limit>\d+)°C(?:\n\D+ (?P<throttle>\d{{1,3}})%)?")
 MEMORY = re.compile(r"(\d+)/(\d+) GB$")
 
 

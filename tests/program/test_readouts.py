@@ -20,6 +20,8 @@ from fakemachine import Machine, preset
 from kernel_readings import CPUS, ENERGY, EnergyHistory, KernelReadings
 from monitor import TIMEOUT, Monitor, Start
 from repeating import Repeating
+from settings_dialog import while_it_changes
+from shown_values import Told, look
 
 PRESETS = ["hybrid-20", "hybrid-22", "desktop-16", "laptop-acpitz", "server-64", "vm-2", "arm-8", "offline-8",
            "levels-5"]
@@ -338,6 +340,16 @@ def test_heat_lights_the_fire_where_events_are_not_counted(x11: XDisplay, start:
     wait_for(monitor, hot, "3 degrees below")
     machine.write(f"{ZONE}/temp", "50000\n")
     wait_for(monitor, Readouts("CPU 50°C", "Throttle 0%", "50°C / 90°C", info), "cool again")
+
+
+@pytest.mark.parametrize("language", ["ar", "fa", "he", "ur"])
+def test_hot_machine_is_understood_from_right_to_left(language: str, x11: XDisplay, start: Start, machines) -> None:
+    machine = machines.enter_context(Machine(steady_cpus([100, 100])))
+    machine.write(f"{ZONE}/temp", "87000\n")
+    monitor, told = start(x11, machine, {"language": language}), Told(machine)
+    look_again = while_it_changes(lambda: look(monitor.bus, monitor.root))
+    wait_until(lambda: (shown := look_again()) and "\n" in shown.tooltip, TIMEOUT, "a fire")
+    told.check(look(monitor.bus, monitor.root))
 
 
 # --- readings that go and come ---
