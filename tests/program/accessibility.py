@@ -27,6 +27,7 @@ CALL_TIMEOUT_MS = int(TIMEOUT * 1000)  # a program that draws a thousand cards a
 
 class State(enum.IntEnum):
     """What can be true of an object, by its number in the set that it gives."""
+    ENABLED = 8
     EXPANDED = 10
     FOCUSED = 12
     SHOWING = 25
@@ -91,6 +92,10 @@ class Call(NamedTuple):
 
 
 THE_BUS_ITSELF = Call(Address("org.freedesktop.DBus", "/org/freedesktop/DBus"), "org.freedesktop.DBus", "GetId")
+
+
+class Gone(LookupError):
+    """The widget that is to do something has been destroyed meanwhile, or can't be used."""
 
 
 class AccessibilityBus:
@@ -188,7 +193,7 @@ class AccessibilityBus:
     def have_state(self, addresses: Sequence[Address], state: State) -> list[bool]:
         """Of which objects this is true."""
         sets = self._ask([Call(address, ACCESSIBLE, "GetState") for address in addresses])
-        return [bool((low | high << 32) >> state & 1) for ((low, high),) in sets]
+        return [_has(states, state) for (states,) in sets]
 
     def selected(self, containers: Sequence[Address]) -> list[int]:
         """Of each its selected child, counted from 0, such as the item that a combo box shows."""
@@ -210,8 +215,8 @@ class AccessibilityBus:
     # --- doing ---
 
     def act(self, target: Address) -> None:
-        """Does what the object is there for: presses a button, opens an expander, chooses an item."""
-        _call(self._bus, Call(target, ACTION, "DoAction", GLib.Variant("(i)", (0,))))
+        """Does what the object is there for: presses a button, opens an expander, chooses an item. Raises Gone."""
+        self._do(Call(target, ACTION, "DoAction", GLib.Variant("(i)", (0,))))
 
     def select_each(self, container: Address, numbers: Sequence[int], program: int) -> None:
         """Chooses one item after the other. The program, of that process id, stands still meanwhile, so it finds all of it waiting."""
@@ -223,9 +228,15 @@ class AccessibilityBus:
             Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))) for number in numbers], let_it_go_on))
 
     def select(self, container: Address, number: int) -> None:
-        """Chooses an item, counted from 0. What the program does at once upon that is done when this returns."""
-        (done,) = _call(self._bus, Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))))
-        assert done, f"no item {number} to choose"
+        """Chooses an item, counted from 0. What the program does at once upon that is done when this returns. Raises Gone."""
+        self._do(Call(container, SELECTION, "SelectChild", GLib.Variant("(i)", (number,))))
+
+    def _do(self, call: Call) -> None:
+        """Looks in the same breath whether it can be used: a button that has been destroyed answers for a while yet that it has been pressed."""
+        (state,), (done,) = self._ask([Call(call.address, ACCESSIBLE, "GetState"), call])
+        if not _has(state, State.ENABLED):
+            raise Gone(call)
+        assert done, call
 
     # --- listening ---
 
@@ -301,6 +312,11 @@ class AccessibilityBus:
         finally:
             context.pop_thread_default()
         return [self._bus.call_finish(results[number]).unpack() for number in range(len(calls))]
+
+
+def _has(states: tuple[int, int], state: State) -> bool:
+    low, high = states
+    return bool((low | high << 32) >> state & 1)
 
 
 def _collector(results: dict[int, Gio.AsyncResult], number: int) -> Callable[..., None]:

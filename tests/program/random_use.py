@@ -16,7 +16,7 @@ import numpy
 from gi.repository import GLib
 from PIL import Image
 
-from accessibility import Node, Rect, State
+from accessibility import Gone, Node, Rect, State
 from display_process import WaitTimeout
 from display_x11 import run_tool
 from displays import DisplayError, XDisplay, load_picture, wait_until
@@ -123,7 +123,7 @@ class RandomUser:
             self.done[act.__name__.strip("_").replace("_", " ")] += 1
         except WaitTimeout:
             raise
-        except (DisplayError, GLib.Error):
+        except (DisplayError, GLib.Error, Gone):
             self.done["came too late"] += 1  # the window or widget has just gone
         self._check()
 

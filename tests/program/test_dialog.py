@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from accessibility import Node, State
+from accessibility import Gone, Node, State
 from chart_pixels import CURVE, Chart, color_of
 from display_x11 import run_tool
 from displays import Display, SwayDisplay, WestonDisplay, XDisplay, wait_until
@@ -658,3 +658,14 @@ def test_arrows_in_colors(x11: XDisplay, start: Start, tmp_path: Path, language:
 
 def are_shown(dialog: SettingsDialog, now: Dialog) -> bool:
     return all(dialog.monitor.bus.have_state([row.button.address for row in now.colors], State.SHOWING))
+
+
+def test_what_has_been_replaced_is_known_to_be_gone(x11: XDisplay, start: Start, tmp_path: Path) -> None:
+    dialog = SettingsDialog.of_new_program(start, x11, tmp_path / "kept", MACHINE)
+    old_gear, before = gear(dialog.monitor), dialog.open()
+    dialog.choose_orientation("horizontal")
+    for button in old_gear, before.more, before.apply, before.reset:
+        with pytest.raises(Gone):
+            dialog.press(button)
+    with pytest.raises(Gone):
+        dialog.choose(before.theme, THEMES.index("dark"))

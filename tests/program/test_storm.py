@@ -22,7 +22,7 @@ from pathlib import Path
 from gi.repository import GLib
 
 import mock_portal as portals
-from accessibility import AccessibilityBus
+from accessibility import AccessibilityBus, Gone
 from displays import XDisplay, wait_until
 from display_x11 import run_tool
 from fakemachine import Machine
@@ -281,7 +281,7 @@ class Fiddler:
     def act(self) -> None:
         changes = [self._theme, self._language, self._orientation, self._columns, self._colors, self._close]
         change = self._open if self._is_closed else self._random.choice(changes)
-        with suppress(GLib.Error):  # the widget has just been replaced
+        with suppress(GLib.Error, Gone):  # the widget has just been replaced
             change()
             self.done[change.__name__.strip("_")] += 1
 
