@@ -28,7 +28,7 @@ EVENT_MASK_ATTRIBUTE = 1 << 11
 ERROR, REPLY = 0, 1
 
 HOPE_INTERVAL = 0.1  # seconds between two questions whether waiting still makes sense
-FIRST_PATIENCE = 1.0  # seconds for a window manager to map a window
+FIRST_PATIENCE = 0.05  # seconds for a window manager to map a window; longer with each further one
 TRIAL_SIZE = 100  # pixels; of the window by which it is tried
 
 
