@@ -17,6 +17,8 @@ T = TypeVar("T")
 POLL_INTERVAL = 0.01  # seconds; short against all that is waited for, long against a look
 LONGEST_POLL_INTERVAL = 0.2
 WAITED_PER_POLL = 20  # times as long as a look comes too late
+REST_PER_LOOK = 4  # times as long as a look takes
+LONGEST_REST = 0.5
 
 # Seconds for whatever has to come: a deadline for a machine that does a hundred other things, not an expectation. What comes costs no
 # more for it.
@@ -46,10 +48,10 @@ def wait_until(condition: Callable[[], T], timeout: float, what: object) -> T:
             return value
         if begin >= start + timeout:
             raise WaitTimeout(f"waited {timeout:g} s in vain for {what}")
-        # A question that takes long costs whoever answers it as much: it is asked a third of the time at most. And what has been waited for
-        # long need not be noticed to the instant.
+        # A question that takes long costs whoever answers it as much. And what has been waited for long need not be noticed to the instant.
         now = time.monotonic()
-        time.sleep(min(max(POLL_INTERVAL, 2 * (now - begin), (now - start) / WAITED_PER_POLL), LONGEST_POLL_INTERVAL))
+        interval = min(max(POLL_INTERVAL, (now - start) / WAITED_PER_POLL), LONGEST_POLL_INTERVAL)
+        time.sleep(max(interval, min(REST_PER_LOOK * (now - begin), LONGEST_REST)))
 
 
 def dying_with_parent(argv: Sequence[str]) -> list[str]:

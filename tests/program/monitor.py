@@ -11,6 +11,7 @@ import time
 from collections.abc import Callable, Mapping, Sequence
 from contextlib import suppress
 from dataclasses import dataclass
+from functools import cached_property
 from pathlib import Path
 
 import numpy
@@ -205,9 +206,9 @@ class Monitor:
 
     # --- window ---
 
-    @property
+    @cached_property
     def window(self) -> int:
-        """The number of its X window; waits for it."""
+        """The number of its X window, the same to the end; waits for it."""
         assert isinstance(self.display, XDisplay)
         display = self.display
 
